@@ -1,0 +1,104 @@
+#pragma once
+
+#include <uv.h>
+#include <v8.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <type_traits>
+
+#include "services/componentNames.h"
+#include "services/logFormat.h"
+
+namespace kesh {
+
+// Threshold of logf; read on every thread, written on the main thread.
+extern std::atomic<int32_t> currentLogLevel;
+// True: lines go straight to standard output. False: they are queued for the runner's callback.
+extern std::atomic<bool> directOutput;
+
+struct LogRecord {
+  std::string levelName;
+  std::string text;
+  std::string component;
+};
+
+// Process-wide log channel. Any thread builds lines; only the main thread delivers them.
+class KeshLogger {
+ public:
+  uv_async_t async_;  // first member: the async callback finds the logger through it
+  v8::Global<v8::Function> callback_;
+  std::mutex mutex_;
+  std::deque<std::unique_ptr<LogRecord>> queue_;
+
+  KeshLogger();
+  ~KeshLogger();
+  KeshLogger(const KeshLogger&) = delete;
+  KeshLogger& operator=(const KeshLogger&) = delete;
+
+  // Creates the logger on first use; after close() has released it, the next use makes a new one.
+  static KeshLogger* instance();
+
+  static void log(LogLevel level, const char* component, uint32_t vuserId,
+                  const std::string& message);
+  static void log(LogLevel level, const char* component, const std::string& message) {
+    log(level, component, kNoVuser, message);
+  }
+
+  template <typename... Args>
+  static void logf(LogLevel level, const char* component, uint32_t vuserId, const char* format,
+                   const Args&... args) {
+    if (static_cast<int32_t>(level) > currentLogLevel.load(std::memory_order_relaxed)) return;
+    const std::string texts[] = {std::string(), toText(args)...};
+    emitFormatted(level, component, vuserId, format, texts + 1, sizeof...(Args));
+  }
+  template <typename... Args>
+  static void logf(LogLevel level, const char* component, const char* format, const Args&... args) {
+    logf(level, component, kNoVuser, format, args...);
+  }
+
+  // No filter and no Vuser prefix; the level name is whatever the script passed.
+  static void logRaw(const std::string& levelName, const char* component,
+                     const std::string& message);
+
+  // Main thread only: hands every queued line to the runner's callback.
+  void drain();
+  // Main thread only: last delivery, back to standard output, close of the async handle.
+  void close();
+
+  // Direct write or queue, as directOutput says.
+  static void handOver(std::unique_ptr<LogRecord> record);
+  // The close callback's end of the logger; the next instance() makes a new one.
+  static void release(KeshLogger* logger);
+
+ private:
+  static std::atomic<KeshLogger*> current_;
+
+  static void emitFormatted(LogLevel level, const char* component, uint32_t vuserId,
+                            const char* format, const std::string* args, size_t count);
+
+  template <typename T>
+  static std::string toText(const T& value) {
+    if constexpr (std::is_convertible_v<const T&, std::string>) {
+      return std::string(value);
+    } else if constexpr (std::is_integral_v<T>) {
+      return std::to_string(value);
+    } else {
+      std::ostringstream out;
+      out << value;
+      return out.str();
+    }
+  }
+};
+
+}  // namespace kesh
+
+namespace kesh {
+// Puts setLogLevel and onLogMessage on the add-on's exports.
+v8::Local<v8::Object> InstallLoggerExports(v8::Local<v8::Object> exports);
+}  // namespace kesh

@@ -1,0 +1,195 @@
+#include "services/Utilities.h"
+
+#include <cstdio>
+
+#include "services/KeshLogger.h"
+
+namespace kesh {
+
+void isolateEnter(v8::Isolate* isolate) {
+  v8::Locker locker(isolate);
+  isolate->Enter();
+}
+
+void isolateLeave(v8::Isolate* isolate) {
+  isolate->Exit();
+  v8::Unlocker unlocker(isolate);
+}
+
+v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text, StringType type) {
+  isolateEnter(isolate);
+  v8::EscapableHandleScope scope(isolate);
+  v8::TryCatch tryCatch(isolate);
+  v8::MaybeLocal<v8::String> result =
+      v8::String::NewFromUtf8(isolate, text,
+                              type == StringType::kInternalized ? v8::NewStringType::kInternalized
+                                                                : v8::NewStringType::kNormal);
+  if (!result.IsEmpty() && !tryCatch.HasCaught()) {
+    isolateLeave(isolate);
+    return scope.Escape(result.ToLocalChecked());
+  }
+  // The message is built without ToV8String: a text too long for V8 would fail again, and the
+  // quoted text is cut so that the message itself always converts.
+  std::string quoted(text);
+  if (quoted.size() > 256) quoted = quoted.substr(0, 256) + "...";
+  std::string message = "Failed converting [" + quoted + "] to v8 string";
+  KeshLogger::log(LogLevel::kError, "", message);
+  v8::Local<v8::String> messageText;
+  if (v8::String::NewFromUtf8(isolate, message.c_str()).ToLocal(&messageText)) {
+    isolate->ThrowException(v8::Exception::Error(messageText));
+  }
+  tryCatch.ReThrow();
+  isolateLeave(isolate);
+  return v8::String::Empty(isolate);
+}
+
+std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value) {
+  isolateEnter(isolate);
+  v8::HandleScope scope(isolate);
+  v8::TryCatch tryCatch(isolate);
+  std::string copy;
+  bool converted = false;
+  {
+    v8::String::Utf8Value utf8(isolate, value);
+    if (*utf8 != nullptr) {
+      copy.assign(*utf8);  // ends at the first zero byte
+      converted = true;
+    }
+  }
+  if (!converted || tryCatch.HasCaught()) {
+    static const char kMessage[] = "Failed converting v8 string to std::string";
+    KeshLogger::log(LogLevel::kError, "", kMessage);
+    isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, kMessage)));
+    tryCatch.ReThrow();
+    isolateLeave(isolate);
+    return std::string();
+  }
+  isolateLeave(isolate);
+  return copy;
+}
+
+void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const char* name,
+                      v8::FunctionCallback callback) {
+  isolateEnter(isolate);
+  v8::HandleScope scope(isolate);
+  v8::TryCatch tryCatch(isolate);
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::FunctionTemplate> tmpl = v8::FunctionTemplate::New(isolate, callback);
+  v8::Local<v8::String> key = ToV8String(isolate, name);
+  tmpl->SetClassName(key);
+  v8::Local<v8::Function> function;
+  if (tmpl->GetFunction(context).ToLocal(&function) &&
+      target->CreateDataProperty(context, key, function).IsJust()) {
+    isolateLeave(isolate);
+    return;
+  }
+  std::string message = std::string("Failed to register function [") + name + "]";
+  KeshLogger::log(LogLevel::kError, "", message);
+  isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, message)));
+  tryCatch.ReThrow();
+  isolateLeave(isolate);
+}
+
+void LogAndThrowError(v8::Isolate* isolate, const char* component, const std::string& message) {
+  KeshLogger::log(LogLevel::kError, component, message);
+  isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, message)));
+}
+
+v8::Local<v8::Object> ExceptionToObject(v8::Isolate* isolate, const v8::TryCatch& tryCatch) {
+  v8::EscapableHandleScope scope(isolate);
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::Message> message = tryCatch.Message();
+  v8::Local<v8::Object> object = v8::Object::New(isolate);
+  auto set = [&](const char* key, v8::Local<v8::Value> value) {
+    object->Set(context, ToV8String(isolate, key), value).IsJust();
+  };
+  auto textOr = [&](v8::MaybeLocal<v8::Value> maybe, const char* fallback) {
+    v8::Local<v8::Value> value;
+    return maybe.ToLocal(&value) ? value : ToV8String(isolate, fallback).As<v8::Value>();
+  };
+  if (message.IsEmpty()) {
+    set("message", tryCatch.Exception());
+    return scope.Escape(object);
+  }
+  set("ErrorLevel", v8::Integer::New(isolate, message->ErrorLevel()));
+  set("fileName", message->GetScriptResourceName());
+  set("message", message->Get());
+  set("exception", tryCatch.Exception());
+  set("lineNumber", v8::Integer::New(isolate, message->GetLineNumber(context).FromMaybe(-1)));
+  v8::MaybeLocal<v8::String> sourceLine = message->GetSourceLine(context);
+  set("sourceLine", sourceLine.IsEmpty()
+                        ? ToV8String(isolate, "No source line found in error").As<v8::Value>()
+                        : sourceLine.ToLocalChecked().As<v8::Value>());
+  set("columnNumber", v8::Integer::New(isolate, message->GetStartColumn()));
+  set("StackTrace", textOr(tryCatch.StackTrace(context), "No stacktrace found in error"));
+  set("stack", textOr(tryCatch.StackTrace(context), "No stacktrace line found in error"));
+  return scope.Escape(object);
+}
+
+std::string ExceptionToString(v8::Isolate* isolate, const v8::TryCatch& tryCatch) {
+  v8::HandleScope scope(isolate);
+  if (!tryCatch.HasCaught()) return std::string();
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::Object> object = ExceptionToObject(isolate, tryCatch);
+  v8::Local<v8::String> json;
+  if (object.IsEmpty() || !v8::JSON::Stringify(context, object).ToLocal(&json)) {
+    return std::string();
+  }
+  v8::String::Utf8Value utf8(isolate, json);
+  return *utf8 ? std::string(*utf8, utf8.length()) : std::string();
+}
+
+v8::Local<v8::Value> ExceptionStringToObject(v8::Isolate* isolate, const std::string& text) {
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::Value> value;
+  if (!v8::JSON::Parse(context, ToV8String(isolate, text)).ToLocal(&value)) {
+    KeshLogger::log(LogLevel::kError, component::kUtilities,
+                    "Failed converting exception string to object");
+    return v8::Null(isolate);
+  }
+  return value;
+}
+
+void PrintObjectProperties(v8::Isolate* isolate, v8::Local<v8::Object> object) {
+  v8::HandleScope scope(isolate);
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::Array> names;
+  if (!object->GetPropertyNames(context).ToLocal(&names)) return;
+  for (uint32_t i = 0; i < names->Length(); ++i) {
+    v8::TryCatch tryCatch(isolate);
+    v8::Local<v8::Value> name;
+    v8::Local<v8::Value> value;
+    if (!names->Get(context, i).ToLocal(&name) || !object->Get(context, name).ToLocal(&value)) {
+      continue;
+    }
+    std::string text = "Couldn't convert value";
+    v8::Local<v8::Object> asObject;
+    v8::Local<v8::String> json;
+    if (value->ToObject(context).ToLocal(&asObject) &&
+        v8::JSON::Stringify(context, asObject).ToLocal(&json)) {
+      text = *v8::String::Utf8Value(isolate, json);
+    } else if (value->IsString()) {
+      text = *v8::String::Utf8Value(isolate, value);
+    }
+    std::string line =
+        "Key: " + std::string(*v8::String::Utf8Value(isolate, name)) + " value:  " + text + "\n";
+    fwrite(line.data(), 1, line.size(), stdout);
+  }
+  fflush(stdout);
+}
+
+bool IsRejectedPromise(v8::Local<v8::Value> value) {
+  return value->IsPromise() && value.As<v8::Promise>()->State() == v8::Promise::kRejected;
+}
+
+void FileRecord::destroy(FileRecord* record) {
+  if (record == nullptr) return;
+  if (record->size > 0) {
+    if (v8::Isolate* isolate = v8::Isolate::TryGetCurrent()) {
+      isolate->AdjustAmountOfExternalAllocatedMemory(-static_cast<int64_t>(record->size));
+    }
+  }
+  delete record;
+}
+
+}  // namespace kesh

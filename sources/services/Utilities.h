@@ -1,0 +1,38 @@
+#pragma once
+
+#include <v8.h>
+
+#include <string>
+
+#include "services/fileRecord.h"
+
+namespace kesh {
+
+// The isolate bracket: leaves the thread entered in the isolate without holding its lock longer
+// than the thread already did. Call isolateLeave on every path that called isolateEnter.
+void isolateEnter(v8::Isolate* isolate);
+void isolateLeave(v8::Isolate* isolate);
+
+enum class StringType : int { kNormal = 0, kInternalized = 1 };
+
+// Never empty: on failure the empty string comes back with a JavaScript exception pending.
+v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text,
+                                 StringType type = StringType::kNormal);
+inline v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const std::string& text,
+                                        StringType type = StringType::kNormal) {
+  return ToV8String(isolate, text.c_str(), type);
+}
+std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value);
+
+void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const char* name,
+                      v8::FunctionCallback callback);
+// Logs at error level and throws an Error; the caller rethrows through its own TryCatch.
+void LogAndThrowError(v8::Isolate* isolate, const char* component, const std::string& message);
+
+v8::Local<v8::Object> ExceptionToObject(v8::Isolate* isolate, const v8::TryCatch& tryCatch);
+std::string ExceptionToString(v8::Isolate* isolate, const v8::TryCatch& tryCatch);
+v8::Local<v8::Value> ExceptionStringToObject(v8::Isolate* isolate, const std::string& text);
+void PrintObjectProperties(v8::Isolate* isolate, v8::Local<v8::Object> object);
+bool IsRejectedPromise(v8::Local<v8::Value> value);
+
+}  // namespace kesh

@@ -1,0 +1,22 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert');
+const { spawnSync } = require('node:child_process');
+const path = require('node:path');
+
+test('lines of many native threads all reach the callback, each thread in order', () => {
+  const r = spawnSync(process.execPath, [path.join(__dirname, 'fixtures', 'logStress.js')], {
+    encoding: 'utf8',
+    timeout: 60000,
+  });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const summary = JSON.parse(r.stdout.split('\n').find((l) => l.startsWith('{')));
+  assert.deepStrictEqual(summary, {
+    received: 80000,
+    outOfOrder: 0,
+    malformed: 0,
+    last: new Array(8).fill(10000),
+  });
+  // After close the logger writes to standard output again.
+  assert.match(r.stdout, /\[Debug\]: KeshLogger - \(\d+\) Closed kesh logger async handle/);
+});
