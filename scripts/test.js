@@ -22,6 +22,14 @@ const ctest = run('ctest', ['--test-dir', buildDir, '--output-on-failure']);
 const testFiles = fs.readdirSync(path.join(root, 'test'))
   .filter((f) => f.endsWith('.test.js'))
   .map((f) => path.join('test', f));
-const nodeTests = run(process.execPath, ['--test', ...testFiles], { KESH_BUILD_DIR: buildDir });
+const nodeEnv = { KESH_BUILD_DIR: buildDir };
+if (sanitize) {
+  // node itself is not instrumented: the sanitizer runtimes must be loaded before anything else.
+  const runtime = (name) =>
+    spawnSync('g++', [`-print-file-name=${name}`], { encoding: 'utf8' }).stdout.trim();
+  nodeEnv.LD_PRELOAD = [runtime('libasan.so'), runtime('libubsan.so')].join(' ');
+  nodeEnv.ASAN_OPTIONS = 'detect_leaks=0'; // the host keeps its isolate alive at exit
+}
+const nodeTests = run(process.execPath, ['--test', ...testFiles], nodeEnv);
 
 process.exit(ctest !== 0 ? ctest : nodeTests);
