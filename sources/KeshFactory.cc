@@ -23,11 +23,6 @@ bool readVuserId(const v8::FunctionCallbackInfo<v8::Value>& info, uint32_t* id) 
   return true;
 }
 
-std::string readText(v8::Isolate* isolate, v8::Local<v8::Value> value) {
-  v8::String::Utf8Value utf8(isolate, value);
-  return *utf8 ? std::string(*utf8, utf8.length()) : std::string();
-}
-
 // Replaces whatever the TryCatch holds by an Error with the text and lets it reach the caller.
 void throwError(v8::Isolate* isolate, v8::TryCatch& tryCatch, const std::string& text) {
   tryCatch.Reset();
@@ -35,7 +30,7 @@ void throwError(v8::Isolate* isolate, v8::TryCatch& tryCatch, const std::string&
   tryCatch.ReThrow();
 }
 
-std::string noThreadText(uint32_t id) {
+std::string noThutf8Text(uint32_t id) {
   return "no active thread for Vuser id " + std::to_string(static_cast<int32_t>(id));
 }
 
@@ -48,7 +43,7 @@ KeshThread* lookUpOrThrow(const v8::FunctionCallbackInfo<v8::Value>& info, v8::T
     return nullptr;
   }
   KeshThread* thread = findThread(id);
-  if (thread == nullptr) throwError(isolate, tryCatch, noThreadText(id));
+  if (thread == nullptr) throwError(isolate, tryCatch, noThutf8Text(id));
   return thread;
 }
 
@@ -73,8 +68,8 @@ void CreateKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
     throwError(isolate, tryCatch, kInvalidId);
     return;
   }
-  std::string scriptPath = readText(isolate, info[1]);
-  std::string scriptArgs = readText(isolate, info[2]);
+  std::string scriptPath = utf8Text(isolate, info[1]);
+  std::string scriptArgs = utf8Text(isolate, info[2]);
   // Vuser threads arrive with the thread runtime; until then no Vuser can be created.
   LogAndThrowError(isolate, component::kKeshFactory,
                    "createKeshThread: Vuser threads are not available in this build");
@@ -109,11 +104,11 @@ void RunFunctionFromScript(const v8::FunctionCallbackInfo<v8::Value>& info) {
       KeshLogger::log(LogLevel::kError, component::kKeshFactory, kInvalidId);
       throwError(isolate, tryCatch, kInvalidId);
     } else {
-      std::string functionName = readText(isolate, info[1]);
-      std::string parameter = readText(isolate, info[2]);
+      std::string functionName = utf8Text(isolate, info[1]);
+      std::string parameter = utf8Text(isolate, info[2]);
       thread = findThread(id);
       if (thread == nullptr) {
-        std::string text = noThreadText(id);
+        std::string text = noThutf8Text(id);
         KeshLogger::log(LogLevel::kError, component::kKeshFactory, text);
         throwError(isolate, tryCatch, text);
       } else {
@@ -136,7 +131,7 @@ void InitKeshInspector(const v8::FunctionCallbackInfo<v8::Value>& info) {
     return;
   }
   KeshThread* thread = threadRegistry.begin()->second.get();
-  thread->inspector_host_ = readText(isolate, info[0]);
+  thread->inspector_host_ = utf8Text(isolate, info[0]);
   thread->inspector_enabled_ = true;
   // The port is taken as a number as it stands, without conversion.
   thread->inspector_port_ =

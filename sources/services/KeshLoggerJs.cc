@@ -67,7 +67,7 @@ void SetLogLevel(const v8::FunctionCallbackInfo<v8::Value>& info) {
                     "bad argument passed for setLogLevel");
     return;
   }
-  std::string level = *v8::String::Utf8Value(isolate, info[0]);
+  std::string level = utf8Text(isolate, info[0]);
   KeshLogger::logf(LogLevel::kInfo, component::kKeshLogger,
                    "called to set Log level with the following state: %", level);
   static const struct {

@@ -6,6 +6,11 @@
 
 namespace kesh {
 
+std::string utf8Text(v8::Isolate* isolate, v8::Local<v8::Value> value) {
+  v8::String::Utf8Value utf8(isolate, value);
+  return *utf8 ? std::string(*utf8, utf8.length()) : std::string();
+}
+
 void isolateEnter(v8::Isolate* isolate) {
   v8::Locker locker(isolate);
   isolate->Enter();
@@ -135,8 +140,7 @@ std::string ExceptionToString(v8::Isolate* isolate, const v8::TryCatch& tryCatch
   if (object.IsEmpty() || !v8::JSON::Stringify(context, object).ToLocal(&json)) {
     return std::string();
   }
-  v8::String::Utf8Value utf8(isolate, json);
-  return *utf8 ? std::string(*utf8, utf8.length()) : std::string();
+  return utf8Text(isolate, json);
 }
 
 v8::Local<v8::Value> ExceptionStringToObject(v8::Isolate* isolate, const std::string& text) {
@@ -167,12 +171,12 @@ void PrintObjectProperties(v8::Isolate* isolate, v8::Local<v8::Object> object) {
     v8::Local<v8::String> json;
     if (value->ToObject(context).ToLocal(&asObject) &&
         v8::JSON::Stringify(context, asObject).ToLocal(&json)) {
-      text = *v8::String::Utf8Value(isolate, json);
+      text = utf8Text(isolate, json);
     } else if (value->IsString()) {
-      text = *v8::String::Utf8Value(isolate, value);
+      text = utf8Text(isolate, value);
     }
     std::string line =
-        "Key: " + std::string(*v8::String::Utf8Value(isolate, name)) + " value:  " + text + "\n";
+        "Key: " + utf8Text(isolate, name) + " value:  " + text + "\n";
     fwrite(line.data(), 1, line.size(), stdout);
   }
   fflush(stdout);

@@ -22,6 +22,8 @@ inline v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const std::string&
                                         StringType type = StringType::kNormal) {
   return ToV8String(isolate, text.c_str(), type);
 }
+// The UTF-8 text of a value as String() would give it, empty when the conversion fails.
+std::string utf8Text(v8::Isolate* isolate, v8::Local<v8::Value> value);
 std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value);
 
 void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const char* name,
