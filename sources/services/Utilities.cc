@@ -175,8 +175,7 @@ void PrintObjectProperties(v8::Isolate* isolate, v8::Local<v8::Object> object) {
     } else if (value->IsString()) {
       text = utf8Text(isolate, value);
     }
-    std::string line =
-        "Key: " + utf8Text(isolate, name) + " value:  " + text + "\n";
+    std::string line = "Key: " + utf8Text(isolate, name) + " value:  " + text + "\n";
     fwrite(line.data(), 1, line.size(), stdout);
   }
   fflush(stdout);

@@ -1,18 +1,39 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <thread>
+
+#include "thread/threadComponents.h"
 
 namespace kesh {
 
-// One Vuser as the registry sees it. The thread body and its components join it as they are built.
+// One Vuser: its components and the operating-system thread that runs its script.
 struct KeshThread {
-  uint32_t vuser_id_ = 0;
-  std::string script_path_;
-  std::string script_args_;
+  uint32_t vuser_id_;
+  std::unique_ptr<ThreadComponent> thread_component_;
+  std::thread thread_;
   bool inspector_enabled_ = false;
   std::string inspector_host_;
   uint32_t inspector_port_ = 0;
+  // Main-thread bookkeeping of the Vuser's life, so that commands out of order are refused.
+  bool started_ = false;
+  bool joined_ = false;
+  bool start_hook_closed_ = false;
+  // Vuser thread: whether thread_start_hook_ has been sent, so that every start is answered.
+  bool start_hook_sent_ = false;
+
+  KeshThread(uint32_t vuser_id, std::string script_path, std::string script_args);
+
+  void start();
+  void threadMain();
+  void installGlobals(ThreadComponent* component);
+  void runEventLoop();
+  void stopThread();
+  void closeResources();
+  void closeLoop();
+  void sendStartHook();
 };
 
 }  // namespace kesh

@@ -1,0 +1,128 @@
+#include "services/caches.h"
+
+#include <mutex>
+
+#include "services/KeshLogger.h"
+#include "services/Utilities.h"
+
+namespace kesh {
+
+FileCacheManager& FileCacheManager::instance() {
+  static FileCacheManager* manager = new FileCacheManager();  // lives to the end of the process
+  return *manager;
+}
+
+FileRecord* FileCacheManager::find(const std::string& fullPath) {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  auto it = files_.find(fullPath);
+  return it == files_.end() ? nullptr : it->second;
+}
+
+bool FileCacheManager::lookup(FileRecord*& record) {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  auto it = files_.find(record->fullPath.get());
+  if (it == files_.end()) return false;
+  delete record;  // its text was never read, so nothing was charged for it
+  record = it->second;
+  return true;
+}
+
+bool FileCacheManager::add(FileRecord* record) {
+  std::unique_lock<std::shared_mutex> lock(lock_);
+  bool inserted = files_.emplace(record->fullPath.get(), record).second;
+  KeshLogger::logf(LogLevel::kTrace, component::kFileCacheManager, " File added to cache : %",
+                   record->fullPath.get());
+  return inserted;
+}
+
+ScriptCacheManager& ScriptCacheManager::instance() {
+  static ScriptCacheManager* manager = new ScriptCacheManager();
+  return *manager;
+}
+
+bool ScriptCacheManager::contains(const std::string& fullPath) {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  return scripts_.count(fullPath) != 0;
+}
+
+v8::ScriptCompiler::Source* ScriptCacheManager::find(const std::string& fullPath) {
+  ScriptCacheEntry* entry;
+  {
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    auto it = scripts_.find(fullPath);
+    if (it == scripts_.end()) return nullptr;
+    entry = it->second.get();
+  }
+  std::shared_lock<std::shared_mutex> entryLock(entry->lock_);  // waits while it is filled
+  return entry->compiled;
+}
+
+namespace {
+
+void reportCacheError(v8::Isolate* isolate, v8::TryCatch& tryCatch, const char* prefix) {
+  std::string text = prefix + ExceptionToString(isolate, tryCatch);
+  KeshLogger::log(LogLevel::kError, component::kScriptCacheManager, text);
+  isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, text)));
+  tryCatch.ReThrow();
+}
+
+}  // namespace
+
+v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolate,
+                                                             const FileRecord& record) {
+  isolateEnter(isolate);
+  v8::EscapableHandleScope scope(isolate);
+  v8::TryCatch tryCatch(isolate);
+  std::string key = record.fullPath.get();
+
+  std::unique_lock<std::shared_mutex> managerLock(lock_);
+  auto it = scripts_.find(key);
+  if (it != scripts_.end()) {
+    ScriptCacheEntry* entry = it->second.get();
+    managerLock.unlock();
+    std::shared_lock<std::shared_mutex> entryLock(entry->lock_);
+    v8::ScriptCompiler::Source* compiled = entry->compiled;
+    entryLock.unlock();
+    isolateLeave(isolate);
+    return compiled;
+  }
+  ScriptCacheEntry* entry = (scripts_[key] = std::make_unique<ScriptCacheEntry>()).get();
+  std::unique_lock<std::shared_mutex> entryLock(entry->lock_);
+  managerLock.unlock();  // other scripts need not wait for this compilation
+
+  v8::Local<v8::String> source = ToV8String(isolate, record.source, StringType::kInternalized);
+  v8::Local<v8::String> name = ToV8String(isolate, key, StringType::kInternalized);
+  v8::ScriptOrigin origin(isolate, name);
+  v8::ScriptCompiler::Source plain(source, origin);
+  v8::Local<v8::UnboundScript> unbound;
+  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &plain, v8::ScriptCompiler::kEagerCompile)
+           .ToLocal(&unbound) ||
+      tryCatch.HasCaught()) {
+    // The caller's own compilation reports the same error where the script can see it.
+    KeshLogger::logf(LogLevel::kTrace, component::kScriptCacheManager,
+                     "Error compiling the script to create cache %",
+                     ExceptionToString(isolate, tryCatch));
+    tryCatch.Reset();
+    isolateLeave(isolate);
+    return nullptr;
+  }
+  v8::ScriptCompiler::CachedData* data = v8::ScriptCompiler::CreateCodeCache(unbound);
+  if (data == nullptr) {
+    if (tryCatch.HasCaught()) reportCacheError(isolate, tryCatch, "Error creating code cache: ");
+    isolateLeave(isolate);
+    return nullptr;
+  }
+  // Heap-made and never destroyed: a Source deletes its cached data, which every isolate reads.
+  auto* compiled = new v8::ScriptCompiler::Source(source, origin, data);
+  if (tryCatch.HasCaught()) {
+    reportCacheError(isolate, tryCatch, "Error creating script source: ");
+    isolateLeave(isolate);
+    return nullptr;
+  }
+  entry->compiled = compiled;
+  entryLock.unlock();
+  isolateLeave(isolate);
+  return compiled;
+}
+
+}  // namespace kesh

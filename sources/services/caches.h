@@ -1,0 +1,44 @@
+#pragma once
+
+#include <v8.h>
+
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+
+#include "services/fileRecord.h"
+
+namespace kesh {
+
+// Process-wide file texts, keyed by absolute path. Records are immutable once added.
+struct FileCacheManager {
+  std::shared_mutex lock_;
+  std::unordered_map<std::string, FileRecord*> files_;
+
+  static FileCacheManager& instance();
+  FileRecord* find(const std::string& fullPath);
+  // On a hit the caller's record is released and replaced by the cached one.
+  bool lookup(FileRecord*& record);
+  // Takes ownership unless the path is present; the loser of a race keeps its own record.
+  bool add(FileRecord* record);
+};
+
+struct ScriptCacheEntry {
+  // Null while filling, and for good when filling failed. Only its cached data is read.
+  v8::ScriptCompiler::Source* compiled = nullptr;
+  std::shared_mutex lock_;  // exclusive while the entry is filled
+};
+
+// Process-wide V8 code caches: one eager compile per script, consumed by every isolate.
+struct ScriptCacheManager {
+  std::shared_mutex lock_;
+  std::unordered_map<std::string, std::unique_ptr<ScriptCacheEntry>> scripts_;
+
+  static ScriptCacheManager& instance();
+  bool contains(const std::string& fullPath);
+  v8::ScriptCompiler::Source* find(const std::string& fullPath);
+  v8::ScriptCompiler::Source* getOrCompile(v8::Isolate* isolate, const FileRecord& record);
+};
+
+}  // namespace kesh

@@ -1,0 +1,82 @@
+#include "thread/threadComponents.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "KeshFactory.h"
+#include "services/KeshLogger.h"
+#include "services/caches.h"
+
+namespace kesh {
+
+void* VuserArrayBufferAllocator::Allocate(size_t length) {
+  void* data = malloc(length);
+  if (data != nullptr) memset(data, 0, length);
+  return data;
+}
+
+void* VuserArrayBufferAllocator::AllocateUninitialized(size_t length) { return malloc(length); }
+
+void VuserArrayBufferAllocator::Free(void* data, size_t) { free(data); }
+
+void checkUv(const char* label, int result) {
+  if (result == 0) return;
+  fprintf(stderr, "%s: failed and returned %d \n", label, result);
+  exit(1);
+}
+
+namespace {
+bool onUncaughtException(v8::Isolate*) {
+  KeshLogger::log(LogLevel::kError, component::kVuserThread, "V8 uncaught exception was thrown.");
+  return false;  // never abort the host
+}
+}  // namespace
+
+ThreadComponent::ThreadComponent(std::string script_path, uint32_t vuser_id,
+                                 std::string script_args)
+    : vuser_id_(vuser_id),
+      script_args_(std::move(script_args)),
+      script_path_(std::move(script_path)) {
+  loop_ = static_cast<uv_loop_t*>(calloc(1, sizeof(uv_loop_t)));
+  thread_script_file = FileCacheManager::instance().find(script_path_);
+  if (thread_script_file == nullptr) {
+    // The factory preloads the script under this key; a miss is a broken preload.
+    fprintf(stderr, "ThreadComponent: script not in the file cache: %s\n", script_path_.c_str());
+    abort();
+  }
+  checkUv("loop_init", uv_loop_init(loop_));
+  create_params_.array_buffer_allocator = new VuserArrayBufferAllocator();  // never freed
+  isolate_ = v8::Isolate::Allocate();
+  mainPlatform->RegisterIsolate(isolate_, loop_);
+  v8::Isolate::Initialize(isolate_, create_params_);
+  if (isolate_ == nullptr) throw std::runtime_error("Isolate has not been created");
+
+  v8::Locker locker(isolate_);
+  v8::Isolate::Scope isolateScope(isolate_);
+  isolate_->EnableMemorySavingsMode();
+  isolate_->SetData(0, this);
+  // Routes uncaught exceptions and rejections through Node, whose exit path the thread body
+  // replaces with one that ends only this Vuser.
+  node::IsolateSettings settings;
+  settings.policy = v8::MicrotasksPolicy::kAuto;
+  settings.should_abort_on_uncaught_exception_callback = onUncaughtException;
+  node::SetIsolateUpForNode(isolate_, settings);
+  isolate_->SetCaptureStackTraceForUncaughtExceptions(true, 10, v8::StackTrace::kOverview);
+  isolate_->MemoryPressureNotification(v8::MemoryPressureLevel::kCritical);
+}
+
+ThreadComponent::~ThreadComponent() {
+  // The loop was closed by the thread. The isolate, its environment and its handles stay to the
+  // end of the process: the Vuser-side handles are Persistents, which a destructor leaves alone.
+  free(loop_);
+}
+
+void ThreadComponent::setPendingFunction(std::string name, std::string param) {
+  std::lock_guard<std::mutex> lock(pending_function_mutex_);
+  pending_function_name_ = std::move(name);
+  pending_function_param_ = std::move(param);
+}
+
+}  // namespace kesh

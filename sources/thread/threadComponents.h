@@ -1,0 +1,75 @@
+#pragma once
+
+#include <node.h>
+#include <uv.h>
+#include <v8.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "services/fileRecord.h"
+
+namespace kesh {
+
+struct KeshThread;
+
+// Plain malloc-backed ArrayBuffer memory for one Vuser.
+struct VuserArrayBufferAllocator : v8::ArrayBuffer::Allocator {
+  void* Allocate(size_t length) override;
+  void* AllocateUninitialized(size_t length) override;
+  void Free(void* data, size_t length) override;
+};
+
+// Everything that belongs to one Vuser and outlives a single call. Built on the main thread with a
+// fully configured isolate; isolate data slot 0 leads back here.
+struct ThreadComponent {
+  v8::Isolate* isolate_ = nullptr;
+  v8::Persistent<v8::Context> context_;  // Persistent: never reset from the main thread
+  uv_loop_t* loop_ = nullptr;
+  uint32_t vuser_id_;
+  std::string script_args_;
+  uv_async_t run_function_hook_{};
+  std::atomic<bool> script_started_{false};
+  std::string script_path_;
+  v8::Global<v8::Promise::Resolver> start_resolver_;
+  uv_prepare_t async_callbacks_prepare_{};
+  v8::Isolate* main_isolate_ = nullptr;
+  FileRecord* thread_script_file = nullptr;
+  uv_async_t thread_start_hook_{};
+  uv_async_t thread_stop_hook_{};
+  v8::Isolate::CreateParams create_params_;
+  v8::Persistent<v8::Script> script_;
+  v8::Persistent<v8::Value> script_result_;
+  std::atomic<bool> thread_stopping_{false};
+  std::atomic<bool> sync_request_active_{false};
+  uv_async_t loop_stop_hook_{};
+  std::mutex async_callbacks_mutex_;
+  node::MultiIsolatePlatform* platform_ = nullptr;
+  node::IsolateData* isolate_data_ = nullptr;
+  node::Environment* environment_ = nullptr;
+  std::mutex start_mutex_;
+  std::condition_variable start_cv_;
+  std::atomic<bool> start_acknowledged_{false};
+  std::string pending_function_name_;
+  std::string pending_function_param_;
+  std::mutex pending_function_mutex_;
+  // Set when the Vuser was destroyed while its start hook was still due: the hook's close
+  // callback then releases the Vuser.
+  KeshThread* release_on_hook_close_ = nullptr;
+
+  ThreadComponent(std::string script_path, uint32_t vuser_id, std::string script_args);
+  ~ThreadComponent();
+  ThreadComponent(const ThreadComponent&) = delete;
+  ThreadComponent& operator=(const ThreadComponent&) = delete;
+
+  void setPendingFunction(std::string name, std::string param);
+};
+
+// "%s: failed and returned %d \n" on standard error, then exit code 1: for libuv calls that
+// cannot fail unless the process is broken.
+void checkUv(const char* label, int result);
+
+}  // namespace kesh

@@ -1,0 +1,117 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert');
+const fs = require('node:fs');
+const path = require('node:path');
+const { scenario, scriptDir } = require('./helpers');
+
+const dir = scriptDir({
+  'ok.js': `console.log(JSON.stringify({ id: vuser_id, type: typeof vuser_id, args, dir: __dirname,
+    file: __filename, global, same: global === this })); keshConsole('from script', 'Custom');`,
+  'syntax.js': 'var x = ;',
+  'throws.js': `throw new Error('boom');`,
+  'rejects.js': `Promise.reject(new Error('nope'));`,
+  'pending.js': 'new Promise(() => {});',
+  'exits.js': 'process.exit(3);',
+  'console.js': `console.log(); console.log(1, 2);
+    try { console.log(''); } catch (e) { console.log('caught ' + typeof e + ' ' + e); }
+    try { keshConsole('x'); } catch (e) { console.log(e.constructor.name + ' ' + e.message); }
+    try { keshConsole('x', 1); } catch (e) { console.log(e.constructor.name + ' ' + e.message); }`,
+});
+const p = (name) => path.join(dir, name);
+
+test('start outcomes: fulfilled, rejected with a text, and every thread joins', () => {
+  const names = ['ok.js', 'syntax.js', 'throws.js', 'rejects.js', 'pending.js', 'exits.js'];
+  const r = scenario(`
+    const lines = [];
+    k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
+    const names = ${JSON.stringify(names.map(p))};
+    names.forEach((n, i) => k.createKeshThread(i === 0 ? 4294967295 : i, n, i === 0 ? '{"a":[1]}' : 'null'));
+    Promise.allSettled(names.map((n, i) => k.startKeshThread(i === 0 ? -1 : i))).then((r) => {
+      console.log('OUT' + JSON.stringify(r.map((x) => [x.status, typeof (x.value ?? x.reason), x.value ?? x.reason])));
+      names.forEach((n, i) => k.stopKeshThread(i === 0 ? -1 : i));
+      try { k.stopKeshThread(1); } catch (e) { console.log('AGAIN ' + e.message); }
+      k.destroyKeshThreads();
+      console.log('LINES' + JSON.stringify(lines));
+    });`);
+  assert.strictEqual(r.status, 0, r.stderr);
+  const out = JSON.parse(/OUT(.*)\n/.exec(r.stdout)[1]);
+  assert.deepStrictEqual(out, [
+    ['fulfilled', 'string', 'Vuser [4294967295] thread started'],
+    ['rejected', 'string', 'Vuser [1] thread fail to start'],
+    ['rejected', 'string', 'Vuser [2] thread fail to start'],
+    ['rejected', 'string', 'Vuser [3] thread fail to start'],
+    ['fulfilled', 'string', 'Vuser [4] thread started'],
+    ['fulfilled', 'string', 'Vuser [5] thread started'],
+  ]);
+  const seen = JSON.parse(/\{"id".*\n/.exec(r.stdout)[0]);
+  assert.deepStrictEqual(seen, { id: '4294967295', type: 'string', args: { a: [1] }, dir: dir + '/',
+    file: p('ok.js'), global: {}, same: false });
+  assert.match(r.stdout, /AGAIN Vuser \[1\] is already stopped/);
+  const lines = JSON.parse(/LINES(.*)\n/.exec(r.stdout)[1]);
+  assert.ok(lines.some((l) => /^Error VuserThread - \(\d+\) Vuser \[1\] Error compiling the script \{.*Unexpected token/.test(l)));
+  assert.ok(lines.some((l) => /^Custom \(\d+\) from script$/.test(l)));
+  assert.ok(lines.some((l) => /Vuser \[5\] process exit requested with code 3/.test(l)));
+  assert.ok(lines.some((l) => /Vuser \[2\] failed during script initialization .*boom/.test(l)));
+});
+
+test('console.log and keshConsole argument rules', () => {
+  const r = scenario(`
+    k.createKeshThread(1, ${JSON.stringify(p('console.js'))}, '{}');
+    k.startKeshThread(1).then(() => { k.stopKeshThread(1); k.destroyKeshThreads(); });`);
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.match(r.stdout, /\n\nconsole\.log - Expects only 1 argument\.\n/);
+  assert.match(r.stdout, /caught string can't convert object passed to console log to string\n/);
+  assert.match(r.stdout, /TypeError keshConsole - Expects 2 arguments: message, LogLevel\n/);
+  assert.match(r.stdout, /TypeError keshConsole - The arguments are from incorrect type\n/);
+});
+
+test('commands out of order and bad scripts are refused without touching a thread', () => {
+  const r = scenario(`
+    const t = (f) => { try { f(); console.log('ok'); } catch (e) { console.log('ERR ' + e.message); } };
+    t(() => k.createKeshThread(1, ${JSON.stringify(path.join(dir, 'missing.js'))}, '{}'));
+    t(() => k.createKeshThread(1, ${JSON.stringify(path.join(dir, 'noext'))}, '{}'));
+    t(() => k.createKeshThread(1, ${JSON.stringify(path.relative(process.cwd(), p('pending.js')))}, 'not json'));
+    t(() => k.stopKeshThread(1));
+    const started = k.startKeshThread(1);
+    t(() => k.startKeshThread(1));
+    t(() => k.destroyKeshThreads());
+    started.catch((e) => { console.log('REJ ' + e); k.stopKeshThread(1); k.destroyKeshThreads(); });`);
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.deepStrictEqual(r.stdout.split('\n').filter((l) => /^(ok|ERR|REJ)/.test(l)), [
+    `ERR createKeshThread: script file not found: ${path.join(dir, 'missing.js')}`,
+    `ERR createKeshThread: the script path must name a readable .js file: ${path.join(dir, 'noext')}`,
+    'ok',
+    'ERR Vuser [1] was never started',
+    'ERR Vuser [1] was already started',
+    'ERR destroyKeshThreads: stop these Vusers first: 1',
+    'REJ Vuser [1] thread fail to start',
+  ]);
+  assert.match(r.stdout, /failed during user initialization args is not valid JSON/);
+});
+
+test('50 Vusers of one script; the second reads no file; exit is clean with Vusers still running', () => {
+  const copy = p('copy.js');
+  fs.writeFileSync(copy, 'globalThis.n = 1;');
+  const r = scenario(`
+    const ids = Array.from({ length: 50 }, (_, i) => i + 1);
+    k.createKeshThread(1, ${JSON.stringify(copy)}, '{}');
+    require('fs').renameSync(${JSON.stringify(copy)}, ${JSON.stringify(copy + '.gone')});
+    ids.slice(1).forEach((id) => k.createKeshThread(id, ${JSON.stringify(copy)}, '{}'));
+    Promise.all(ids.map((id) => k.startKeshThread(id))).then((r) => {
+      console.log('STARTED ' + r.length);
+      if (process.env.EXIT_EARLY) process.exit(0);
+      ids.forEach((id) => k.stopKeshThread(id));
+      k.destroyKeshThreads();
+    });`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.match(r.stdout, /STARTED 50/);
+  process.env.EXIT_EARLY = '1';
+  const early = scenario(`process.env.EXIT_EARLY = '1';\n` + `
+    const ids = Array.from({ length: 50 }, (_, i) => i + 1);
+    ids.forEach((id) => k.createKeshThread(id, ${JSON.stringify(p('ok.js'))}, '{}'));
+    Promise.all(ids.map((id) => k.startKeshThread(id))).then(() => process.exit(0));`, { timeout: 60000 });
+  delete process.env.EXIT_EARLY;
+  assert.strictEqual(early.status, 0, early.stderr);
+  assert.strictEqual(early.signal, null);
+});
