@@ -1,8 +1,6 @@
 #include "KeshFactory.h"
 
-#include <unistd.h>
 
-#include <climits>
 
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
@@ -66,15 +64,10 @@ KeshThread* findThread(uint32_t vuserId) {
 
 namespace {
 
-std::string currentDirectory() {
-  char buffer[PATH_MAX];
-  return getcwd(buffer, sizeof(buffer)) ? std::string(buffer) : std::string("/");
-}
-
 // Reads the script into both caches on the main thread, so that Vuser threads only read them.
 // Returns the cache key, or an empty text with an Error thrown.
 std::string preloadScript(v8::Isolate* isolate, const std::string& scriptPath) {
-  std::string key = absolutePath(currentDirectory(), scriptPath);
+  std::string key = absolutePath(scriptPath);
   if (ScriptCacheManager::instance().contains(key)) return key;
   if (FileRecord* cached = FileCacheManager::instance().find(key)) {
     ScriptCacheManager::instance().getOrCompile(isolate, *cached);

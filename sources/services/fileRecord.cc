@@ -30,15 +30,9 @@ struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
 };
 
-std::string currentDirectory() {
-  std::vector<char> buffer(PATH_MAX);
-  if (getcwd(buffer.data(), buffer.size()) == nullptr) return "/";
-  return std::string(buffer.data());
-}
-
 std::unique_ptr<FileRecord> newRecord(const std::string& path) {
   auto record = std::make_unique<FileRecord>();
-  std::string absolute = absolutePath(currentDirectory(), path);
+  std::string absolute = absolutePath(path);
   struct stat info;
   if (absolute.size() <= kMaxPathLength && stat(absolute.c_str(), &info) == 0) {
     record->fullPath = std::make_unique<char[]>(kMaxPathLength + 1);  // zero-filled
@@ -85,6 +79,12 @@ std::string absolutePath(const std::string& cwd, const std::string& path) {
     result.append(part);
   }
   return result.empty() ? "/" : result;
+}
+
+std::string absolutePath(const std::string& path) {
+  std::vector<char> buffer(PATH_MAX);
+  std::string cwd = getcwd(buffer.data(), buffer.size()) ? buffer.data() : "/";
+  return absolutePath(cwd, path);
 }
 
 std::unique_ptr<char[]> ReadFileContents(const std::string& path, int32_t* size, bool skipMark) {
@@ -138,7 +138,7 @@ std::unique_ptr<FileRecord> FileRecord::open(const std::string& path) {
 
 std::unique_ptr<FileRecord> FileRecord::forScript(const std::string& path) {
   if (path.find(".js") == std::string::npos) return nullptr;
-  if (absolutePath(currentDirectory(), path).size() > kMaxPathLength) return nullptr;
+  if (absolutePath(path).size() > kMaxPathLength) return nullptr;
   std::unique_ptr<FileRecord> record = newRecord(path);
   if (!record->fullPath) return record;
   if (!isRegularFile(record->fullPath.get())) return nullptr;

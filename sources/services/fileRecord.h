@@ -44,5 +44,7 @@ std::unique_ptr<char[]> ReadFileContents(const std::string& path, int32_t* size,
 // Absolute form of path against cwd, with "." and ".." resolved lexically (links are not
 // followed). Repeated separators collapse; ".." at the root stays at the root.
 std::string absolutePath(const std::string& cwd, const std::string& path);
+// The same against the process's current directory.
+std::string absolutePath(const std::string& path);
 
 }  // namespace kesh

@@ -36,11 +36,6 @@ void closeIfActive(uv_handle_t* handle, void*) {
   if (uv_is_active(handle) && !uv_is_closing(handle)) uv_close(handle, nullptr);
 }
 
-// The JSON text of what the TryCatch holds, for log lines and runtime errors.
-std::string caughtText(v8::Isolate* isolate, const v8::TryCatch& tryCatch) {
-  return ExceptionToString(isolate, tryCatch);
-}
-
 }  // namespace
 
 KeshThread::KeshThread(uint32_t vuser_id, std::string script_path, std::string script_args)
@@ -119,7 +114,7 @@ void KeshThread::threadMain() {
         v8::ScriptCompiler::Source* cached =
             ScriptCacheManager::instance().find(file->fullPath.get());
         if (cached == nullptr && tryCatch.HasCaught()) {
-          std::string error = caughtText(isolate, tryCatch);
+          std::string error = ExceptionToString(isolate, tryCatch);
           KeshLogger::logf(LogLevel::kInfo, kComponent, vuser_id_,
                            "Error getting the cached script %", error);
           throw std::runtime_error(error);
@@ -130,7 +125,7 @@ void KeshThread::threadMain() {
             cached != nullptr ? const_cast<v8::ScriptCompiler::CachedData*>(cached->GetCachedData())
                               : nullptr);
         if (tryCatch.HasCaught()) {
-          std::string error = caughtText(isolate, tryCatch);
+          std::string error = ExceptionToString(isolate, tryCatch);
           KeshLogger::logf(LogLevel::kError, kComponent, vuser_id_, "Error getting script cache %",
                            error);
           throw std::runtime_error(error);
@@ -142,7 +137,7 @@ void KeshThread::threadMain() {
                                                           : v8::ScriptCompiler::kNoCompileOptions)
                  .ToLocal(&unbound) ||
             tryCatch.HasCaught()) {
-          std::string error = caughtText(isolate, tryCatch);
+          std::string error = ExceptionToString(isolate, tryCatch);
           KeshLogger::logf(LogLevel::kError, kComponent, vuser_id_, "Error compiling the script %",
                            error);
           throw std::runtime_error(error);
@@ -151,7 +146,7 @@ void KeshThread::threadMain() {
         tc->script_.Reset(isolate, script);
         v8::Local<v8::Value> result;
         if (!script->Run(context).ToLocal(&result) || tryCatch.HasCaught()) {
-          std::string error = caughtText(isolate, tryCatch);
+          std::string error = ExceptionToString(isolate, tryCatch);
           KeshLogger::logf(LogLevel::kTrace, kComponent, vuser_id_, "Error running the script: %",
                            error);
           throw std::runtime_error(error);
