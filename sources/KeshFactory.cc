@@ -1,7 +1,5 @@
 #include "KeshFactory.h"
 
-
-
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
