@@ -29,7 +29,7 @@ process.on('exit', () => {
     try {
       addon.stopKeshThread(id);
     } catch {
-      // already stopped: nothing to do
+      // never started: nothing to do
     }
   }
   running.clear();

@@ -221,15 +221,21 @@ void StopKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
     throwError(isolate, tryCatch, prefix + "was never started");
     return;
   }
-  if (thread->joined_) {
-    throwError(isolate, tryCatch, prefix + "is already stopped");
-    return;
+  // A Vuser that stopped itself, or was stopped before, needs no second request: the stop
+  // only makes sure the thread is joined.
+  if (thread->joined_ || thread->thread_component_->thread_stopping_.load()) {
+    KeshLogger::log(LogLevel::kError, component::kVuserThread, thread->vuser_id_,
+                    "blocked another closing request");
+  } else {
+    KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, thread->vuser_id_,
+                    "closing thread");
+    checkUv("0 == uv_async_send(&kesh_thread->thread_component_->thread_stop_hook_)",
+            uv_async_send(&thread->thread_component_->thread_stop_hook_));
   }
-  KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, thread->vuser_id_, "closing thread");
-  checkUv("0 == uv_async_send(&kesh_thread->thread_component_->thread_stop_hook_)",
-          uv_async_send(&thread->thread_component_->thread_stop_hook_));
-  thread->thread_.join();
-  thread->joined_ = true;
+  if (!thread->joined_) {
+    thread->thread_.join();
+    thread->joined_ = true;
+  }
 }
 
 void RunFunctionFromScript(const v8::FunctionCallbackInfo<v8::Value>& info) {
