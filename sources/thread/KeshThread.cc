@@ -74,7 +74,21 @@ void KeshThread::threadMain() {
     isolate->Enter();
     v8::Isolate::Scope isolateScope(isolate);
     v8::HandleScope handleScope(isolate);
-    v8::Local<v8::Context> context = v8::Context::New(isolate);
+    // A Vuser must not own the process, start the host's inspector, or load other add-ons.
+    auto flags = static_cast<node::EnvironmentFlags::Flags>(
+        node::EnvironmentFlags::kNoRegisterESMLoader | node::EnvironmentFlags::kNoCreateInspector |
+        node::EnvironmentFlags::kNoStartDebugSignalHandler |
+        node::EnvironmentFlags::kNoNativeAddons | node::EnvironmentFlags::kNoGlobalSearchPaths |
+        node::EnvironmentFlags::kTrackUnmanagedFds);
+    // Deserialised from the start-up snapshot, the environment brings its own initialised context.
+    tc->isolate_data_ = node::CreateIsolateData(isolate, tc->loop_, tc->platform_,
+                                                tc->array_buffer_allocator_, builtinSnapshot());
+    tc->environment_ =
+        node::CreateEnvironment(tc->isolate_data_, v8::Local<v8::Context>(), {}, {}, flags);
+    // Without an environment the start fails through the handlers below, which need a context.
+    v8::Local<v8::Context> context = tc->environment_ != nullptr
+                                         ? node::GetMainContext(tc->environment_)
+                                         : v8::Context::New(isolate);
     tc->context_.Reset(isolate, context);
     context->Enter();
     v8::Context::Scope contextScope(context);
@@ -82,18 +96,6 @@ void KeshThread::threadMain() {
     bool entered = true;  // the first Enter is taken back once the script stage is over
 
     try {
-      tc->isolate_data_ = node::CreateIsolateData(isolate, tc->loop_, tc->platform_, nullptr);
-      if (node::InitializeContext(context).IsNothing()) {
-        throw std::runtime_error("Failed to initialize context");
-      }
-      // A Vuser must not own the process, start the host's inspector, or load other add-ons.
-      auto flags = static_cast<node::EnvironmentFlags::Flags>(
-          node::EnvironmentFlags::kNoRegisterESMLoader |
-          node::EnvironmentFlags::kNoCreateInspector |
-          node::EnvironmentFlags::kNoStartDebugSignalHandler |
-          node::EnvironmentFlags::kNoNativeAddons | node::EnvironmentFlags::kNoGlobalSearchPaths |
-          node::EnvironmentFlags::kTrackUnmanagedFds);
-      tc->environment_ = node::CreateEnvironment(tc->isolate_data_, context, {}, {}, flags);
       if (tc->environment_ == nullptr) throw std::runtime_error("Failed to create environment");
       // process.exit() and Node's uncaught-exception path end this Vuser, not the host.
       node::SetProcessExitHandler(tc->environment_, [this](node::Environment*, int code) {

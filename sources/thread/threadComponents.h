@@ -16,13 +16,6 @@ namespace kesh {
 
 struct KeshThread;
 
-// Plain malloc-backed ArrayBuffer memory for one Vuser.
-struct VuserArrayBufferAllocator : v8::ArrayBuffer::Allocator {
-  void* Allocate(size_t length) override;
-  void* AllocateUninitialized(size_t length) override;
-  void Free(void* data, size_t length) override;
-};
-
 // Everything that belongs to one Vuser and outlives a single call. Built on the main thread with a
 // fully configured isolate; isolate data slot 0 leads back here.
 struct ThreadComponent {
@@ -40,7 +33,7 @@ struct ThreadComponent {
   FileRecord* thread_script_file = nullptr;
   uv_async_t thread_start_hook_{};
   uv_async_t thread_stop_hook_{};
-  v8::Isolate::CreateParams create_params_;
+  node::ArrayBufferAllocator* array_buffer_allocator_ = nullptr;
   v8::Persistent<v8::Script> script_;
   v8::Persistent<v8::Value> script_result_;
   std::atomic<bool> thread_stopping_{false};
@@ -67,6 +60,9 @@ struct ThreadComponent {
 
   void setPendingFunction(std::string name, std::string param);
 };
+
+// The host's start-up snapshot that every Vuser isolate and its environment are made from.
+const node::EmbedderSnapshotData* builtinSnapshot();
 
 // "%s: failed and returned %d \n" on standard error, then exit code 1: for libuv calls that
 // cannot fail unless the process is broken.
