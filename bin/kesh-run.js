@@ -9,7 +9,10 @@ const usage = `usage: kesh-run [options] <script.js>
   --first-id N      id of the first Vuser (default 1)
   --args JSON       argument text given to every Vuser (default {})
   --seconds S       how long they run once started (default 1)
-  --log-level L     error, warning, info or debug (default info)`;
+  --log-level L     error, warning, info or debug (default info)
+  --run NAME        script function that every Vuser runs while they run
+  --param TEXT      parameter text of that function (JSON or plain text)
+  --every MS        how often it runs (default 250)`;
 
 function fail(message) {
   console.error(`kesh-run: ${message}\n${usage}`);
@@ -26,6 +29,9 @@ try {
       args: { type: 'string', default: '{}' },
       seconds: { type: 'string', default: '1' },
       'log-level': { type: 'string', default: 'info' },
+      run: { type: 'string' },
+      param: { type: 'string', default: '' },
+      every: { type: 'string', default: '250' },
       help: { type: 'boolean', short: 'h' },
     },
   });
@@ -46,6 +52,8 @@ if (!Number.isInteger(firstId) || firstId < 0 || firstId + count > 0xffffffff) {
   fail('--first-id must leave room for the Vuser ids below 4294967295');
 }
 if (!(seconds >= 0)) fail('--seconds must be a number of seconds');
+const every = Number(values.every);
+if (!(every > 0)) fail('--every must be a positive number of milliseconds');
 
 const kesh = require(path.join(__dirname, '..'));
 kesh.onLogMessage((line, level) => console.log(`[${level}] ${line}`));
@@ -64,7 +72,11 @@ Promise.allSettled(ids.map((id) => kesh.startKeshThread(id))).then((results) => 
   const failed = results.filter((r) => r.status === 'rejected');
   for (const r of failed) console.error(`kesh-run: ${r.reason}`);
   console.log(`kesh-run: ${results.length - failed.length} of ${ids.length} Vusers started`);
+  const runs = values.run === undefined ? null : setInterval(() => {
+    for (const id of ids) kesh.runFunctionFromScript(id, values.run, values.param);
+  }, every);
   setTimeout(() => {
+    clearInterval(runs);
     for (const id of ids) kesh.stopKeshThread(id);
     console.log(`kesh-run: ${ids.length} Vusers stopped`);
     // Lines logged while stopping reach the callback on the next turn.

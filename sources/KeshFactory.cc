@@ -3,6 +3,7 @@
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
+#include "thread/runFunctionQueue.h"
 
 namespace kesh {
 
@@ -227,8 +228,7 @@ void StopKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
     KeshLogger::log(LogLevel::kError, component::kVuserThread, thread->vuser_id_,
                     "blocked another closing request");
   } else {
-    KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, thread->vuser_id_,
-                    "closing thread");
+    KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, thread->vuser_id_, "closing thread");
     checkUv("0 == uv_async_send(&kesh_thread->thread_component_->thread_stop_hook_)",
             uv_async_send(&thread->thread_component_->thread_stop_hook_));
   }
@@ -257,9 +257,12 @@ void RunFunctionFromScript(const v8::FunctionCallbackInfo<v8::Value>& info) {
         std::string text = noThreadText(id);
         KeshLogger::log(LogLevel::kError, component::kKeshFactory, text);
         throwError(isolate, tryCatch, text);
+      } else if (!thread->started_) {
+        std::string text = "Vuser [" + std::to_string(thread->vuser_id_) + "] was never started";
+        KeshLogger::log(LogLevel::kError, component::kKeshFactory, text);
+        throwError(isolate, tryCatch, text);
       } else {
-        throwError(isolate, tryCatch,
-                   "runFunctionFromScript: run functions are not available in this build");
+        requestRunFunction(thread, std::move(functionName), std::move(parameter));
       }
     }
   }

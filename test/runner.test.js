@@ -9,12 +9,13 @@ const runner = path.join(__dirname, '..', 'bin', 'kesh-run.js');
 const run = (...args) => spawnSync(process.execPath, [runner, ...args], { encoding: 'utf8', timeout: 30000 });
 
 test('the example runner starts, shows and stops its Vusers, and reports failures by exit code', () => {
-  const ok = run('--vusers', '3', '--seconds', '0', '--args', '{"n":1}',
-    path.join(__dirname, '..', 'examples', 'hello.js'));
+  const ok = run('--vusers', '3', '--seconds', '0.5', '--args', '{"n":1}', '--run', 'step',
+    '--param', '{"page":"a"}', '--every', '100', path.join(__dirname, '..', 'examples', 'hello.js'));
   assert.strictEqual(ok.status, 0, ok.stderr);
   for (const id of [1, 2, 3]) {
     assert.match(ok.stdout, new RegExp(`\\[Info\\] \\(\\d+\\) Vuser ${id} started with args \\{"n":1\\}`));
     assert.match(ok.stdout, new RegExp(`Vuser \\[${id}\\] finished thread execution`));
+    assert.match(ok.stdout, new RegExp(`Vuser ${id} step 2 with \\{"page":"a"\\} done after`));
   }
   assert.match(ok.stdout, /3 of 3 Vusers started/);
 

@@ -7,6 +7,8 @@
 #include "services/Utilities.h"
 #include "services/caches.h"
 #include "services/console.h"
+#include "services/timers.h"
+#include "thread/runFunctionQueue.h"
 
 namespace kesh {
 
@@ -16,8 +18,8 @@ constexpr const char* kComponent = component::kVuserThread;
 
 KeshThread* threadOf(uv_handle_t* handle) { return static_cast<KeshThread*>(handle->data); }
 
-void onRunFunction(uv_async_t*) {
-  // Run functions arrive with the run-function queue; the hook already keeps the loop alive.
+void onRunFunction(uv_async_t* handle) {
+  runPendingFunction(threadOf(reinterpret_cast<uv_handle_t*>(handle)));
 }
 
 void onLoopStop(uv_async_t* handle) { uv_stop(handle->loop); }
@@ -45,6 +47,17 @@ KeshThread::KeshThread(uint32_t vuser_id, std::string script_path, std::string s
 
 void KeshThread::start() {
   KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, vuser_id_, "thread start");
+  ThreadComponent* tc = thread_component_.get();
+  // The hooks are made before the thread exists, while nothing runs the loop: a command sent
+  // right after the start must find them ready.
+  tc->run_function_hook_.data = this;
+  checkUv("run_function_hook", uv_async_init(tc->loop_, &tc->run_function_hook_, onRunFunction));
+  tc->async_callbacks_prepare_.data = tc;
+  checkUv("prepare_init", uv_prepare_init(tc->loop_, &tc->async_callbacks_prepare_));
+  tc->loop_stop_hook_.data = this;
+  checkUv("loop_stop_hook", uv_async_init(tc->loop_, &tc->loop_stop_hook_, onLoopStop));
+  tc->thread_stop_hook_.data = this;
+  checkUv("thread_stop_hook", uv_async_init(tc->loop_, &tc->thread_stop_hook_, onStopRequest));
   thread_ = std::thread([this] { threadMain(); });
 }
 
@@ -59,15 +72,6 @@ void KeshThread::threadMain() {
   ThreadComponent* tc = thread_component_.get();
   v8::Isolate* isolate = tc->isolate_;
   KeshLogger::log(LogLevel::kDebug, kComponent, vuser_id_, "Started thread");
-
-  tc->run_function_hook_.data = this;
-  checkUv("run_function_hook", uv_async_init(tc->loop_, &tc->run_function_hook_, onRunFunction));
-  tc->async_callbacks_prepare_.data = tc;
-  checkUv("prepare_init", uv_prepare_init(tc->loop_, &tc->async_callbacks_prepare_));
-  tc->loop_stop_hook_.data = this;
-  checkUv("loop_stop_hook", uv_async_init(tc->loop_, &tc->loop_stop_hook_, onLoopStop));
-  tc->thread_stop_hook_.data = this;
-  checkUv("thread_stop_hook", uv_async_init(tc->loop_, &tc->thread_stop_hook_, onStopRequest));
 
   {
     v8::Locker locker(isolate);
@@ -214,8 +218,10 @@ void KeshThread::installGlobals(ThreadComponent* tc) {
     global->CreateDataProperty(context, ToV8String(isolate, key), value).IsJust();
   };
   define("global", v8::Object::New(isolate));
+  InstallRunFunctions(tc, global);
   InstallConsole(tc, global);
   InstallKeshConsole(isolate);
+  InstallTimerFunctions(tc, global);
   FileRecord* file = tc->thread_script_file;
   define("__dirname", ToV8String(isolate, file->dirName.get()));
   define("__filename", ToV8String(isolate, file->fullPath.get()));
@@ -258,7 +264,12 @@ void KeshThread::stopThread() {
   uv_stop(tc->loop_);
 }
 
-void KeshThread::closeResources() { closeLoop(); }
+void KeshThread::closeResources() {
+  // Script values held for queued calls and timers go while this thread still holds the isolate.
+  clearAsyncCallbacks(thread_component_.get());
+  closeAllTimers(thread_component_.get());
+  closeLoop();
+}
 
 void KeshThread::closeLoop() {
   uv_loop_t* loop = thread_component_->loop_;

@@ -7,9 +7,22 @@
 
 #include "KeshFactory.h"
 #include "services/KeshLogger.h"
+#include "services/Utilities.h"
 #include "services/caches.h"
 
 namespace kesh {
+
+AsyncCallbackEntry makeAsyncCallback(v8::Isolate* isolate, v8::Local<v8::Function> function,
+                                     v8::Local<v8::Value> argument) {
+  auto* callback = new AsyncCallback();
+  callback->function_.Reset(isolate, function);
+  callback->argument_.Reset(isolate, argument);
+  return AsyncCallbackEntry(callback, [](AsyncCallback* released) {
+    released->function_.Reset();
+    released->argument_.Reset();
+    delete released;
+  });
+}
 
 void checkUv(const char* label, int result) {
   if (result == 0) return;
@@ -18,6 +31,20 @@ void checkUv(const char* label, int result) {
 }
 
 namespace {
+// Unhandled rejections are not Node's to act on: its default turns them into an exit, and a
+// Vuser whose run function rejects after an await must run on. They are only logged.
+void onPromiseRejected(v8::PromiseRejectMessage message) {
+  if (message.GetEvent() != v8::kPromiseRejectWithNoHandler) return;
+  v8::Isolate* isolate = v8::Isolate::GetCurrent();
+  auto* tc = static_cast<ThreadComponent*>(isolate->GetData(0));
+  v8::HandleScope scope(isolate);
+  std::string text =
+      utf8Text(isolate, v8::Exception::CreateMessage(isolate, message.GetValue())->Get());
+  KeshLogger::logf(LogLevel::kWarning, component::kVuserThread,
+                   tc != nullptr ? tc->vuser_id_ : kNoVuser, "unhandled promise rejection: %",
+                   text);
+}
+
 bool onUncaughtException(v8::Isolate*) {
   KeshLogger::log(LogLevel::kError, component::kVuserThread, "V8 uncaught exception was thrown.");
   return false;  // never abort the host
@@ -49,6 +76,7 @@ ThreadComponent::ThreadComponent(std::string script_path, uint32_t vuser_id,
   node::IsolateSettings settings;
   settings.policy = v8::MicrotasksPolicy::kAuto;
   settings.should_abort_on_uncaught_exception_callback = onUncaughtException;
+  settings.promise_reject_callback = onPromiseRejected;
   // The isolate starts from the host's built-in start-up snapshot: the environment is then
   // deserialised instead of bootstrapped, which is most of a Vuser's start-up time.
   array_buffer_allocator_ = node::ArrayBufferAllocator::Create().release();  // never freed

@@ -7,6 +7,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -15,6 +19,18 @@
 namespace kesh {
 
 struct KeshThread;
+struct TimerHandle;
+
+// One queued script call, made on the Vuser thread where a script may run.
+struct AsyncCallback {
+  v8::Persistent<v8::Function> function_;
+  v8::Persistent<v8::Value> argument_;
+};
+// The producer of a call decides how its record is released.
+using AsyncCallbackEntry = std::unique_ptr<AsyncCallback, std::function<void(AsyncCallback*)>>;
+// A call of `function` with `argument`, released with its handles on the Vuser thread.
+AsyncCallbackEntry makeAsyncCallback(v8::Isolate* isolate, v8::Local<v8::Function> function,
+                                     v8::Local<v8::Value> argument);
 
 // Everything that belongs to one Vuser and outlives a single call. Built on the main thread with a
 // fully configured isolate; isolate data slot 0 leads back here.
@@ -40,6 +56,9 @@ struct ThreadComponent {
   std::atomic<bool> sync_request_active_{false};
   uv_async_t loop_stop_hook_{};
   std::mutex async_callbacks_mutex_;
+  std::deque<AsyncCallbackEntry> async_callbacks_;
+  std::map<int32_t, std::shared_ptr<TimerHandle>> timers_;
+  int32_t next_timer_id_ = 0;
   node::MultiIsolatePlatform* platform_ = nullptr;
   node::IsolateData* isolate_data_ = nullptr;
   node::Environment* environment_ = nullptr;

@@ -1,0 +1,135 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert');
+const path = require('node:path');
+const { scenario, scriptDir, driveVuser } = require('./helpers');
+
+const dir = scriptDir({
+  'calls.js': `
+    function show(p) { console.log('SHOW ' + typeof p + ' ' + JSON.stringify(p)); }
+    function boom() { throw new Error('bad'); }
+    var notfn = 5;
+    // Rejects once a timer has fired: long after the call returned.
+    async function late() {
+      _enableRunningAsyncCallbacks();
+      await _waitForTimer(_setTimer(false, () => {}, 5));
+      throw new Error('later');
+    }
+    function rejectNow() { return Promise.reject(new Error('now')); }`,
+  'queue.js': `
+    const seen = [];
+    const note = (what) => () => seen.push(what);
+    function fill() {
+      ['a', 'b', 'c'].forEach((w) => _setTimer(false, note(w), 0));
+    }
+    function drain() {
+      console.log('BEFORE ' + seen.join(''));
+      _runPendingAsyncCallbacks();
+      console.log('AFTER ' + seen.join(''));
+    }
+    // A queued call that queues another: the new one runs in the same drain.
+    function chain() {
+      const other = _setTimer(false, () => {}, 100000);
+      _setTimer(false, () => { _clearTimer(other); }, 0);
+      globalThis.other = other;
+    }
+    function drainChain() {
+      _runPendingAsyncCallbacks();
+      console.log('CHAINED ' + _waitForTimer(other));
+    }
+    function throwing() {
+      _setTimer(false, () => { throw new Error('cb'); }, 0);
+      _setTimer(false, note('after-throw'), 0);
+    }
+    function enable() { _enableRunningAsyncCallbacks(); }
+    function disable() { _disableRunningAsyncCallbacks(); }
+    function clear() { _clearPendingRunFunctions(); }
+    function report() { console.log('SEEN ' + seen.join(',')); }
+    function gc() { console.log('GC ' + typeof _runTimeLimitedGc() + ' ' + typeof _runTimeLimitedGc(1)); }`,
+  'stress.js': `
+    let runs = 0, torn = 0, last = -1;
+    globalThis.a = (p) => { runs++; if (p.name !== 'a') torn++; last = p.n; };
+    globalThis.b = (p) => { runs++; if (p.name !== 'b') torn++; last = p.n; };
+    globalThis.report = () => console.log('STRESS ' + JSON.stringify({ runs, torn, last }));`,
+});
+const script = (name) => path.join(dir, name);
+
+test('run functions: parameters, missing names, throws and rejections', () => {
+  const r = driveVuser(script('calls.js'), [
+    ['show', '5'], ['show', '{"a":1}'], ['show', 'abc'], ['show'],
+    ['nothere', 'x'], ['notfn', 'x'], ['boom', 'x'], ['show', '"after boom"'],
+    ['late', 'x'], 50, ['show', '"after late"'],
+    ['rejectNow', 'x'], ['show', '"after reject"'],
+  ]);
+  assert.strictEqual(r.status, 0, r.stderr);
+  const shown = r.stdout.split('\n').filter((l) => l.startsWith('SHOW '));
+  assert.deepStrictEqual(shown, ['SHOW number 5', 'SHOW object {"a":1}', 'SHOW string "abc"',
+    'SHOW string "undefined"', 'SHOW string "after boom"', 'SHOW string "after late"']);
+  const errors = r.lines.filter((l) => l.startsWith('Error VuserThread'));
+  assert.match(errors[0], /Can't find the requested function nothere in user script$/);
+  assert.match(errors[1], /Error calling Vuser function: \{.*notfn is not a function/);
+  assert.match(errors[2], /Error calling Vuser function: \{.*Uncaught Error: bad/);
+  assert.match(errors[3], /Vuser \[1\] Error calling Vuser function \(promise rejected\): Uncaught Error: now$/);
+  // The later rejection is only a warning; the rejected promise stopped the Vuser, so the
+  // runner's stop finds it stopping.
+  assert.match(errors[4], /Vuser \[1\] blocked another closing request$/);
+  assert.strictEqual(errors.length, 5, errors.join('\n'));
+  assert.ok(r.lines.some((l) => /^Warning .*unhandled promise rejection: Uncaught Error: later$/.test(l)));
+});
+
+test('queued calls: order, the stopped hook, a call that queues another, a throwing call', () => {
+  const r = driveVuser(script('queue.js'), [
+    ['fill'], ['drain'], ['fill'], ['report'], ['enable'], ['report'],
+    ['disable'], ['chain'], ['drainChain'],
+    ['fill'], ['clear'], ['enable'], ['report'],
+    ['throwing'], ['report'], ['gc'],
+  ]);
+  assert.strictEqual(r.status, 0, r.stderr);
+  // Nothing runs while the hook is stopped, nothing is lost, and the order is kept.
+  assert.match(r.stdout, /BEFORE \nAFTER abc\n/);
+  const seen = r.stdout.split('\n').filter((l) => l.startsWith('SEEN '));
+  assert.deepStrictEqual(seen, ['SEEN a,b,c', 'SEEN a,b,c,a,b,c', 'SEEN a,b,c,a,b,c',
+    'SEEN a,b,c,a,b,c,after-throw']);
+  assert.match(r.stdout, /CHAINED undefined\n/);
+  assert.ok(r.lines.some((l) => /^Error VuserThread - \(\d+\) Exception during async callback: \{.*Uncaught Error: cb/.test(l)));
+  assert.match(r.stdout, /GC boolean boolean\n/);
+});
+
+test('10,000 requests in a tight loop: none torn, the last one runs last', () => {
+  const r = scenario(`
+    k.createKeshThread(1, ${JSON.stringify(script('stress.js'))}, '{}');
+    k.startKeshThread(1).then(() => {
+      for (let n = 0; n < 10000; ++n) {
+        const name = n % 2 ? 'b' : 'a';
+        k.runFunctionFromScript(1, name, JSON.stringify({ name, n }));
+      }
+      setTimeout(() => {
+        k.runFunctionFromScript(1, 'report');
+        setTimeout(() => { k.stopKeshThread(1); k.destroyKeshThreads(); }, 200);
+      }, 500);
+    });`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const stats = JSON.parse(/STRESS (.*)\n/.exec(r.stdout)[1]);
+  assert.strictEqual(stats.torn, 0);
+  assert.strictEqual(stats.last, 9999);
+  assert.ok(stats.runs >= 1 && stats.runs <= 10000, String(stats.runs));
+});
+
+test('requests for a Vuser never started, stopped, or gone', () => {
+  const r = scenario(`
+    const t = (f) => { try { console.log('ok ' + f()); } catch (e) { console.log('ERR ' + e.message); } };
+    k.createKeshThread(1, ${JSON.stringify(script('calls.js'))}, '{}');
+    t(() => k.runFunctionFromScript(1, 'show', '1'));
+    k.startKeshThread(1);
+    t(() => k.runFunctionFromScript(1, 'show', '"at once"'));
+    setTimeout(() => {
+      k.stopKeshThread(1);
+      t(() => k.runFunctionFromScript(1, 'show', '2'));
+      k.destroyKeshThreads();
+      t(() => k.runFunctionFromScript(1, 'show', '3'));
+    }, 100);`);
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.deepStrictEqual(r.stdout.split('\n').filter((l) => /^(ok|ERR|SHOW)/.test(l)), [
+    'ERR Vuser [1] was never started', 'ok undefined', 'SHOW string "at once"', 'ok undefined',
+    'ERR no active thread for Vuser id 1']);
+});

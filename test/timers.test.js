@@ -1,0 +1,94 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert');
+const path = require('node:path');
+const { scriptDir, driveVuser } = require('./helpers');
+
+const dir = scriptDir({
+  'timers.js': `
+    const say = (...a) => console.log('T ' + a.map(String).join(' '));
+    const attempt = (label, f) => { try { say(label, f()); } catch (e) { say(label, e.constructor.name, e.message); } };
+    _enableRunningAsyncCallbacks();
+    function oneShot() {
+      const id = _setTimer(false, (arg) => say('fired', JSON.stringify(arg), arguments.length), 5, { kept: 1 });
+      _waitForTimer(id).then((v) => say('settled', v, _waitForTimer(id), _waitForTimer(id) === undefined));
+      say('same promise', _waitForTimer(id) === _waitForTimer(id));
+    }
+    function repeating() {
+      let n = 0;
+      const id = _setTimer(true, () => { n++; }, 2);
+      globalThis.rep = { id, count: () => n };
+      _waitForTimer(id).then(() => say('repeat settled after', n >= 3, globalThis.rep.count() === n));
+    }
+    function stopRepeating() {
+      const before = rep.count();
+      _clearTimer(rep.id);
+      _setTimer(false, () => say('no call after clear', rep.count() === before), 20);
+    }
+    // Double clear, and clear after firing: both accepted, the second settle fails.
+    function doubleClear() {
+      _disableRunningAsyncCallbacks();
+      const a = _setTimer(false, () => {}, 100000);
+      attempt('clear a', () => _clearTimer(a));
+      attempt('clear a again', () => _clearTimer(a));
+      globalThis.fired = _setTimer(false, () => say('fired then cleared'), 0);
+    }
+    function clearFired() {
+      attempt('clear fired', () => _clearTimer(fired));
+      _enableRunningAsyncCallbacks();
+    }
+    function clearAll() {
+      _disableRunningAsyncCallbacks();
+      const q = _setTimer(false, () => say('queued callback still runs'), 100000);
+      _clearTimer(q);
+      _clearTimers();
+      attempt('clear after clearTimers', () => _clearTimer(q));
+      attempt('wait after clearTimers', () => _waitForTimer(q));
+      _enableRunningAsyncCallbacks();
+    }
+    function badInput() {
+      attempt('unknown', () => _clearTimer(99999));
+      attempt('negative', () => _waitForTimer(-1));
+      attempt('id text', () => _clearTimer('0'));
+      attempt('no callback', () => _setTimer(false, 'x', 5));
+      attempt('symbol timeout', () => _setTimer(false, () => {}, Symbol('t')));
+      const id = _setTimer(false, () => say('text timeout fired'), 'abc');
+      const next = _setTimer(false, () => {}, 100000);
+      say('ids count up', next === id + 1);
+    }
+    function firstId() { say('first id', _setTimer(false, () => {}, 100000)); }`,
+});
+
+test('timers: firing, settling, clearing, and every refusal', () => {
+  const r = driveVuser(path.join(dir, 'timers.js'), [
+    ['firstId'], ['oneShot'], ['repeating'], 60, ['stopRepeating'], 60,
+    ['doubleClear'], 20, ['clearFired'], 40, ['clearAll'], 40, ['badInput'], 40,
+  ]);
+  assert.strictEqual(r.status, 0, r.stderr);
+  const said = r.stdout.split('\n').filter((l) => l.startsWith('T ')).map((l) => l.slice(2));
+  assert.deepStrictEqual(said, [
+    'first id 0',
+    'same promise true',
+    'fired {} 1',
+    'settled undefined undefined true',
+    'repeat settled after true true',
+    'no call after clear true',
+    'clear a undefined',
+    'clear a again undefined',
+    'clear fired undefined',
+    'fired then cleared',
+    'clear after clearTimers Error timer [6] is already stopped',
+    'wait after clearTimers undefined',
+    'unknown Error Cannot find timer [99999] to clear',
+    'negative Error Cannot find timer [4294967295] to clear',
+    'id text TypeError _clearTimer: the timer id must be a number',
+    'no callback TypeError _setTimer: the callback must be a function',
+    'symbol timeout TypeError Cannot convert a Symbol value to a number',
+    'ids count up true',
+    'text timeout fired',
+  ]);
+  // Second settles of a doubly cleared, a fired-then-cleared and a closed timer fail in the queue.
+  const failed = r.lines.filter((l) => /Exception during async callback: .*Cannot resolve timer promise due to error/.test(l));
+  assert.strictEqual(failed.length, 3, r.lines.filter((l) => /^Error/.test(l)).join('\n'));
+  assert.ok(!r.stdout.includes('queued callback still runs'));
+});
