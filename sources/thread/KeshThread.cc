@@ -3,6 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
@@ -44,6 +45,8 @@ KeshThread::KeshThread(uint32_t vuser_id, std::string script_path, std::string s
     : vuser_id_(vuser_id),
       thread_component_(std::make_unique<ThreadComponent>(std::move(script_path), vuser_id,
                                                           std::move(script_args))) {}
+
+KeshThread::~KeshThread() = default;
 
 void KeshThread::start() {
   KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, vuser_id_, "thread start");
@@ -221,6 +224,9 @@ void KeshThread::installGlobals(ThreadComponent* tc) {
   InstallRunFunctions(tc, global);
   InstallConsole(tc, global);
   InstallKeshConsole(isolate);
+  network_manager_ = std::make_unique<NetworkManager>(tc);
+  InstallNetworkFunctions(tc, global);
+  network_manager_->vuser_thread_ = this;
   InstallTimerFunctions(tc, global);
   FileRecord* file = tc->thread_script_file;
   define("__dirname", ToV8String(isolate, file->dirName.get()));
@@ -265,6 +271,13 @@ void KeshThread::stopThread() {
 }
 
 void KeshThread::closeResources() {
+  if (NetworkManager* manager = network_manager_.get()) {
+    auto* tcp = reinterpret_cast<uv_handle_t*>(&manager->tcp_);
+    if (manager->connected_.load() && uv_is_active(tcp) && !uv_is_closing(tcp)) {
+      uv_close(tcp, OnClose);
+    }
+    manager->releaseScriptValues();
+  }
   // Script values held for queued calls and timers go while this thread still holds the isolate.
   clearAsyncCallbacks(thread_component_.get());
   closeAllTimers(thread_component_.get());

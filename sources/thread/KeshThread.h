@@ -10,10 +10,14 @@
 namespace kesh {
 
 // One Vuser: its components and the operating-system thread that runs its script.
+struct NetworkManager;
+
 struct KeshThread {
   uint32_t vuser_id_;
   std::unique_ptr<ThreadComponent> thread_component_;
   std::thread thread_;
+  // Made on the Vuser thread, whose thread-local it becomes; freed with the Vuser.
+  std::unique_ptr<NetworkManager> network_manager_;
   bool inspector_enabled_ = false;
   std::string inspector_host_;
   uint32_t inspector_port_ = 0;
@@ -25,6 +29,7 @@ struct KeshThread {
   bool start_hook_sent_ = false;
 
   KeshThread(uint32_t vuser_id, std::string script_path, std::string script_args);
+  ~KeshThread();
 
   void start();
   void threadMain();

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
@@ -215,8 +216,8 @@ void runAsyncCallbacks(ThreadComponent* tc, bool fromScript) {
     v8::TryCatch outer(isolate);
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     try {
-      // Answers of the service are turned into queued calls here, ahead of this drain, once the
-      // messaging layer exists.
+      // Lines read from the service become queued calls first, ahead of this drain.
+      if (currentNetworkManager() != nullptr) ProcessNetworkMessages(tc);
       KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_,
                       "execute async callbacks function");
       v8::Local<v8::Object> global = context->Global();

@@ -20,6 +20,7 @@ namespace kesh {
 
 struct KeshThread;
 struct TimerHandle;
+struct NetworkQueueEntry;
 
 // One queued script call, made on the Vuser thread where a script may run.
 struct AsyncCallback {
@@ -59,6 +60,8 @@ struct ThreadComponent {
   std::deque<AsyncCallbackEntry> async_callbacks_;
   std::map<int32_t, std::shared_ptr<TimerHandle>> timers_;
   int32_t next_timer_id_ = 0;
+  std::mutex network_queue_mutex_;
+  std::deque<std::shared_ptr<NetworkQueueEntry>> network_queue_;
   node::MultiIsolatePlatform* platform_ = nullptr;
   node::IsolateData* isolate_data_ = nullptr;
   node::Environment* environment_ = nullptr;
