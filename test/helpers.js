@@ -23,25 +23,28 @@ function scriptDir(files) {
 module.exports = { scenario, scriptDir, modulePath };
 
 // Starts one Vuser of `script`, sends `calls` ([name, param] or a number of milliseconds to
-// wait) `gap` ms apart, stops it, and returns the child's stdout and the log lines it saw.
-function driveVuser(script, calls, { gap = 30, args = '{}' } = {}) {
+// wait) `gap` ms apart, stops it, and returns the child's stdout and the log lines it saw. With
+// `pelmare`, a stand-in service runs in the child and the Vuser's args carry its `port`.
+function driveVuser(script, calls, { gap = 30, args = {}, pelmare = false } = {}) {
   const r = scenario(`
     const lines = [];
     k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
-    k.createKeshThread(1, ${JSON.stringify(script)}, ${JSON.stringify(args)});
-    const calls = ${JSON.stringify(calls)};
     const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-    k.startKeshThread(1).then(async (started) => {
-      console.log(started);
-      for (const call of calls) {
+    (async () => {
+      const service = ${pelmare} ? await require(${JSON.stringify(path.join(modulePath, 'tools', 'pelmare'))}).start() : null;
+      const args = { ...${JSON.stringify(args)}, ...(service ? { port: service.port } : {}) };
+      k.createKeshThread(1, ${JSON.stringify(script)}, JSON.stringify(args));
+      console.log(await k.startKeshThread(1).catch((e) => e));
+      for (const call of ${JSON.stringify(calls)}) {
         if (typeof call === 'number') await sleep(call);
         else { k.runFunctionFromScript(1, ...call); await sleep(${gap}); }
       }
       k.stopKeshThread(1);
       await sleep(20);
       k.destroyKeshThreads();
+      if (service) await service.close();
       console.log('LINES' + JSON.stringify(lines));
-    });`);
+    })();`);
   const match = /LINES(.*)\n/.exec(r.stdout);
   return { ...r, lines: match ? JSON.parse(match[1]) : [] };
 }

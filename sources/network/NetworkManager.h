@@ -70,10 +70,20 @@ struct NetworkManager {
   NetworkManager& operator=(const NetworkManager&) = delete;
 
   std::shared_ptr<NetworkMessage> FindPendingMessage(int32_t id);
+  // A connection stands and is not closing: a write has a stream to go to.
+  bool writable() const {
+    return connected_.load() && stream_ != nullptr &&
+           !uv_is_closing(reinterpret_cast<const uv_handle_t*>(stream_));
+  }
   void StopSyncWait();
   // Drops what still waits on this thread's script: on the Vuser thread, at its end.
   void releaseScriptValues();
 };
+
+// Behind the sending function's name when there is no connection to send on.
+inline constexpr const char kNotConnected[] =
+    ": not connected to Pelmare (call _initNetworking first, or again after the connection "
+    "closed)";
 
 // The manager of the Vuser thread that runs this code.
 NetworkManager* currentNetworkManager();

@@ -59,11 +59,8 @@ void send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& me
 // The check every sending function makes first: without a connection a write has no stream,
 // and a waiting call would never be answered.
 bool refuseWithoutConnection(v8::Isolate* isolate, NetworkManager* manager, const char* function) {
-  if (manager->connected_.load() && manager->stream_ != nullptr) return false;
-  LogAndThrowError(isolate, kComponent,
-                   std::string(function) +
-                       ": not connected to Pelmare (call _initNetworking first, or again after "
-                       "the connection closed)");
+  if (manager->writable()) return false;
+  LogAndThrowError(isolate, kComponent, std::string(function) + kNotConnected);
   return true;
 }
 

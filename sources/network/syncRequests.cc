@@ -125,10 +125,8 @@ void SendSyncNoWait(const v8::FunctionCallbackInfo<v8::Value>& info) {
   std::string failure;
   if (id.IsNothing()) failure = "The message id is not a invalid number";
   if (*payload == nullptr) failure = "Couldn't convert the message payload to string";
-  if (failure.empty() && !manager->connected_.load()) {
-    failure =
-        "_sendSyncNoWait: not connected to Pelmare (call _initNetworking first, or again "
-        "after the connection closed)";
+  if (failure.empty() && !manager->writable()) {
+    failure = std::string("_sendSyncNoWait") + kNotConnected;
   }
   if (failure.empty()) {
     auto message = makeMessage(static_cast<int32_t>(id.FromJust()), *payload, true);

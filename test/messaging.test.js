@@ -1,0 +1,101 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert');
+const path = require('node:path');
+const { scriptDir, driveVuser } = require('./helpers');
+
+const common = `
+  const req = (id, op, extra = {}) => JSON.stringify({ messageId: id, op, ...extra }) + '\\n';
+  const say = (...a) => console.log('M ' + a.map((x) => typeof x === 'string' ? x : JSON.stringify(x)).join(' '));
+  const attempt = (label, f) => { try { say(label, f()); } catch (e) { say(label, e instanceof Error ? e.constructor.name + ': ' + e.message : 'plain ' + e.message); } };
+`;
+const dir = scriptDir({
+  'requests.js': `${common}
+    attempt('before init', () => _send(1, req(1, 'echo'), () => {}));
+    attempt('port text', () => _initNetworking('x', '127.0.0.1'));
+    attempt('port range', () => _initNetworking(70000, '127.0.0.1'));
+    attempt('host name', () => _initNetworking(args.port, 'localhost'));
+    _initNetworking(args.port, '127.0.0.1');
+    // Blocking on the first line, before the thread's loop runs.
+    say('sync', _sendSync(1, req(1, 'echo', { data: 'first' })).data);
+    _enableRunningAsyncCallbacks();
+    function callbacks() {
+      _send(2, req(2, 'echo', { data: 'async' }), (m) => say('answer', m.data));
+      _send(3, req(3, 'badLine', { line: '{"messageId":3,"socketId":"","responseType":0, no json' }), (m) => say('not json', m));
+      _send(4, req(4, 'delay', { ms: 30, data: 'first callback' }), (m) => say('dup id', m.data));
+      _send(4, req(99, 'silent'), () => say('second callback never runs'));
+      _send(5, req(5, 'raw', { text: '{"messageId":5,"socketId":"","responseType":0,"data":"' + 'x'.repeat(6000) + '"}\\n', chunk: 1000 }), (m) => say('long', m.data.length));
+      _send(6, req(6, 'raw', { text: '{"messageId":6,"socketId":"","responseType":0,"data":"bytes"}\\n', chunk: 1 }), (m) => say('byte by byte', m.data));
+    }
+    function lines() {
+      _send(7, req(7, 'raw', { text: '{"messageId":71,"socketId":"","responseType":0}\\n{"messageId":72,"socketId":"","responseType":0}\\n{"messageId":73,"socketId":"","responseType":0}\\n' }), () => {});
+      for (const id of [71, 72, 73]) _send(id, req(-id, 'silent'), () => say('line', id));
+    }
+    function badLines() {
+      for (const line of ['', 'no header here', '{"messageId":8,"socketId":"","responseType":2}', '{"messageId":99999999999,"socketId":"","responseType":0}']) {
+        _sendSyncNoWait(-1, req(-1, 'badLine', { line }));
+      }
+      _send(9, req(9, 'echo', { data: 'still up' }), (m) => say('after bad lines', m.data));
+    }
+    function clearing() {
+      _send(10, req(10, 'delay', { ms: 40 }), () => say('cleared callback ran'));
+      _send(-11, req(-11, 'silent'), () => {});
+      _clearResponsePendingMessages();
+      _clearResponsePendingMessages();
+      _sendSyncNoWait(12, req(12, 'delay', { ms: 10 }));
+      say('no wait returned');
+    }
+    function duringSync() {
+      _disableRunningAsyncCallbacks();
+      _send(13, req(13, 'echo'), () => say('async answer after sync'));
+      const answer = _sendSync(14, req(14, 'delay', { ms: 30, data: 'sync answer' }));
+      say(answer.data);
+      attempt('failing line in a wait', () => _sendSync(15, req(15, 'badLine', { line: '{"messageId":15,"socketId":"","responseType":7}' })));
+      attempt('no JSON answer', () => _sendSync(16, req(16, 'badLine', { line: '{"messageId":16,"socketId":"","responseType":0,' })));
+    }
+    function blockForever() {
+      attempt('stopped while waiting', () => _sendSync(17, req(17, 'silent')));
+    }`,
+});
+
+test('messaging: connection checks, answers, framing, bad lines, blocking requests', () => {
+  const r = driveVuser(path.join(dir, 'requests.js'), [
+    ['callbacks'], 100, ['lines'], 50, ['badLines'], 50, ['clearing'], 80, ['duringSync'], 50,
+    ['blockForever'], 50,
+  ], { pelmare: true });
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.match(r.stdout, /Vuser \[1\] thread started/);
+  const said = r.stdout.split('\n').filter((l) => l.startsWith('M ')).map((l) => l.slice(2));
+  const notConnected = ': not connected to Pelmare (call _initNetworking first, or again after the connection closed)';
+  assert.deepStrictEqual(said.slice(0, 5), [
+    `before init Error: _send${notConnected}`,
+    'port text Error: _initNetworking: the port must be a number',
+    'port range Error: _initNetworking: port out of range: 70000',
+    'host name Error: _initNetworking: the host must be a dotted IPv4 address: localhost',
+    'sync first',
+  ]);
+  const rest = said.slice(5);
+  const expectSome = ['answer async', 'not json undefined', 'dup id first callback', 'long 6000',
+    'byte by byte bytes', 'line 71', 'line 72', 'line 73', 'after bad lines still up',
+    'no wait returned', 'sync answer'];
+  for (const line of expectSome) assert.ok(rest.includes(line), `${line}\n${rest.join('\n')}`);
+  // An answer that came during the wait runs only once the blocking call has returned.
+  assert.ok(rest.indexOf('async answer after sync') > rest.indexOf('sync answer'));
+  assert.ok(rest.indexOf('line 71') < rest.indexOf('line 72') && rest.indexOf('line 72') < rest.indexOf('line 73'));
+  assert.ok(!rest.includes('second callback never runs') && !rest.includes('cleared callback ran'));
+  assert.ok(rest.some((l) => /^failing line in a wait plain Uncaught Error: .*received message with unknown message type/.test(l)), rest.join('\n'));
+  assert.ok(rest.some((l) => /^no JSON answer Error: Error parsing response of a SendSync request /.test(l)));
+  assert.ok(rest.includes('stopped while waiting Error: Thread aborted during run'));
+
+  const log = r.lines.join('\n');
+  for (const text of ['received response is empty', 'no message info found in response',
+    'received message with unknown message type found in response: {"messageId":8',
+    'message header number does not fit 32 bits in response: ']) {
+    assert.ok(log.includes(`Error NetworkManager - (`) && log.includes(text), text);
+  }
+  assert.match(log, /clearing the next pending message\(s\): \[ (10 4294967285|4294967285 10) \]/);
+  assert.match(log, /no pending messages left to clear/);
+  assert.match(log, /received message id \[10\] but it didn't match any outgoing message/);
+  assert.match(log, /received message id \[12\] but it didn't match any outgoing message/);
+  assert.match(log, /Vuser \[1\] thread aborted during sync request - exiting/);
+});
