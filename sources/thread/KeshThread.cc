@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "services/KeshLogger.h"
+#include "services/Require.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
 #include "services/console.h"
@@ -212,6 +213,7 @@ void KeshThread::installGlobals(ThreadComponent* tc) {
     global->CreateDataProperty(context, ToV8String(isolate, key), value).IsJust();
   };
   define("global", v8::Object::New(isolate));
+  InstallRequire(tc, global);
   InstallConsole(tc, global);
   InstallKeshConsole(isolate);
   FileRecord* file = tc->thread_script_file;
