@@ -16,7 +16,10 @@ function scenario(body, { timeout = 30000 } = {}) {
 
 function scriptDir(files) {
   const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'kesh-test-'));
-  for (const [name, text] of Object.entries(files)) fs.writeFileSync(path.join(dir, name), text);
+  for (const [name, text] of Object.entries(files)) {
+    fs.mkdirSync(path.dirname(path.join(dir, name)), { recursive: true });
+    fs.writeFileSync(path.join(dir, name), text);
+  }
   return dir;
 }
 

@@ -5,6 +5,7 @@
 
 #include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
+#include "services/Require.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
 #include "services/console.h"
@@ -222,6 +223,7 @@ void KeshThread::installGlobals(ThreadComponent* tc) {
   };
   define("global", v8::Object::New(isolate));
   InstallRunFunctions(tc, global);
+  InstallRequire(tc, global);
   InstallConsole(tc, global);
   InstallKeshConsole(isolate);
   network_manager_ = std::make_unique<NetworkManager>(tc);

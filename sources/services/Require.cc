@@ -1,0 +1,417 @@
+#include "services/Require.h"
+
+#include <regex>
+#include <unordered_map>
+#include <vector>
+
+#include "services/KeshLogger.h"
+#include "services/Utilities.h"
+#include "services/caches.h"
+#include "thread/threadComponents.h"
+
+namespace kesh {
+
+namespace {
+
+constexpr const char* kComponent = component::kRequire;
+const std::string kPathSeparator = "/";
+
+// No line break in the prefix, so that line numbers in V8's messages are those of the file.
+constexpr char kPrefix[] =
+    "(function (module, exports, __filename, __dirname, load) { 'use strict'; var require = "
+    "function(path){ return keshRequire(path, __dirname); };";
+constexpr char kSuffix[] = " \n }); ";
+static_assert(sizeof(kPrefix) - 1 == 142, "scripts rely on the column shift of the first line");
+static_assert(sizeof(kSuffix) - 1 == 7, "module suffix");
+
+constexpr const char* kCoreModuleNames[] = {
+    "assert", "buffer", "child_process", "cluster", "crypto", "dgram", "dns",  "domain",
+    "events", "fs",     "http",          "http2",   "net",    "os",    "path", "stream",
+    "tls",    "tty",    "url",           "util",    "v8",     "vm",    "zlib"};
+
+// The first "main" anywhere in the text counts, even inside a nested object: no JSON parse.
+const std::regex mainFieldRegex(R"re("main":\s*"([^"]*))re", std::regex::ECMAScript);
+
+// One table per Vuser thread, from full path to the module's result; an empty handle is a module
+// not loaded (yet). Persistent rather than Global: the table is destroyed at thread exit, after
+// the isolate's lock is gone, and a Persistent's destructor leaves the isolate alone.
+thread_local std::unordered_map<std::string, v8::Persistent<v8::Value>> moduleTable;
+
+struct RecordRelease {
+  void operator()(FileRecord* record) const { FileRecord::destroy(record); }
+};
+
+bool startsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
+
+bool isCoreModule(const std::string& name) {
+  for (const char* core : kCoreModuleNames) {
+    if (name == core) return true;
+  }
+  return false;
+}
+
+std::unique_ptr<FileRecord> ResolveAsFile(const std::string& path) {
+  for (const char* extension : {"", ".js", ".json"}) {
+    if (std::unique_ptr<FileRecord> record = FileRecord::open(path + extension)) return record;
+  }
+  return nullptr;
+}
+
+// ResolveAsFile adds its extensions here as well: index.js.js and index.js.json come before
+// index.json.
+std::unique_ptr<FileRecord> ResolveIndex(const std::string& path) {
+  if (std::unique_ptr<FileRecord> record = ResolveAsFile(path + kPathSeparator + "index.js")) {
+    return record;
+  }
+  return ResolveAsFile(path + kPathSeparator + "index.json");
+}
+
+std::unique_ptr<FileRecord> ResolveAsDirectory(v8::Isolate* isolate, const std::string& path) {
+  std::unique_ptr<FileRecord> package = FileRecord::open(path + kPathSeparator + "package.json");
+  if (!package) return ResolveIndex(path);
+  std::string text;
+  try {
+    int32_t size = 0;
+    std::unique_ptr<char[]> contents = ReadFileContents(package->fullPath.get(), &size, false);
+    text.assign(contents.get(), size);
+  } catch (const std::exception& e) {
+    LogAndThrowError(isolate, kComponent,
+                     std::string("Require::RequireFunction - couldn't load package.json file ") +
+                         package->fileName + " : " + e.what());
+    return nullptr;
+  }
+  std::string main;
+  try {
+    std::smatch match;
+    if (std::regex_search(text, match, mainFieldRegex)) main = match[1].str();
+  } catch (const std::exception& e) {
+    LogAndThrowError(
+        isolate, kComponent,
+        std::string("Require::RequireFunction - error in trying to match a regex inside") +
+            package->fileName + " : " + e.what());
+    return nullptr;
+  }
+  // A package.json without main names nothing at this place; its index is not tried.
+  if (main.empty()) return nullptr;
+  std::string candidate = path + kPathSeparator + main;
+  if (std::unique_ptr<FileRecord> record = ResolveAsFile(candidate)) return record;
+  return ResolveIndex(candidate);
+}
+
+// The node_modules directories above dir, deepest first. The text behind dir's last separator is
+// not a directory of its own.
+std::vector<std::string> CollectNodeModulesPaths(const std::string& dir) {
+  std::vector<std::string> pieces;
+  for (size_t start = 0, end; (end = dir.find(kPathSeparator, start)) != std::string::npos;
+       start = end + kPathSeparator.size()) {
+    pieces.push_back(dir.substr(start, end - start));
+  }
+  std::vector<std::string> paths;
+  std::string joined;
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    if (i > 0) joined += kPathSeparator;
+    joined += pieces[i];
+    if (pieces[i] == "node_modules") continue;
+    paths.insert(paths.begin(), joined + kPathSeparator + "node_modules");
+  }
+  return paths;
+}
+
+std::unique_ptr<FileRecord> ResolveAsFileOrDirectory(v8::Isolate* isolate,
+                                                     const std::string& candidate) {
+  if (std::unique_ptr<FileRecord> record = ResolveAsFile(candidate)) return record;
+  return ResolveAsDirectory(isolate, candidate);
+}
+
+// The kind follows the name as requested, not the file found: "data" found as data.json is
+// JavaScript.
+FileKind kindFromName(const std::string& name) {
+  size_t dot = name.rfind('.');
+  return dot != std::string::npos && name.compare(dot + 1, std::string::npos, "json") == 0
+             ? FileKind::kJson
+             : FileKind::kJavaScript;
+}
+
+bool readGlobal(v8::Local<v8::Context> context, v8::Local<v8::String> key,
+                v8::Local<v8::String>* out) {
+  v8::Local<v8::Value> value;
+  return context->Global()->Get(context, key).ToLocal(&value) &&
+         value->ToString(context).ToLocal(out);
+}
+
+void setGlobal(v8::Isolate* isolate, const v8::TryCatch& tryCatch, v8::Local<v8::String> key,
+               v8::Local<v8::Value> value) {
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  if (context->Global()->Set(context, key, value).IsNothing() && !tryCatch.HasCaught()) {
+    LogAndThrowError(isolate, kComponent, "Object::Set failed");
+  }
+}
+
+// Everything of keshRequire but the bracket and the scopes. Returns the result, empty for
+// undefined; a failure leaves its exception in tryCatch.
+v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& info,
+                                   const v8::TryCatch& tryCatch) {
+  v8::Isolate* isolate = info.GetIsolate();
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::String> dirnameKey = ToV8String(isolate, "__dirname", StringType::kInternalized);
+  v8::Local<v8::String> filenameKey = ToV8String(isolate, "__filename", StringType::kInternalized);
+  v8::Local<v8::String> parentKey = ToV8String(isolate, "parent", StringType::kInternalized);
+
+  int argc = info.Length();
+  if ((argc != 2 && argc != 3) || !info[1]->IsString() || !info[0]->IsString() ||
+      (argc == 3 && info[2]->IsNullOrUndefined())) {
+    LogAndThrowError(isolate, kComponent,
+                     "Require::RequireFunction - Expects at least 2 arguments: 1) file "
+                     "name(string), 2) dir name(string)");
+    return {};
+  }
+  std::string dirName = utf8Text(isolate, info[1]);
+  std::string fileName = utf8Text(isolate, info[0]);
+  v8::Local<v8::Value> load = argc == 3 ? info[2] : v8::Undefined(isolate).As<v8::Value>();
+
+  v8::Local<v8::String> savedDirname;
+  if (!readGlobal(context, dirnameKey, &savedDirname)) {
+    LogAndThrowError(isolate, kComponent, "cannot get __dirname");
+    return {};
+  }
+  v8::Local<v8::String> savedFilename;
+  if (!readGlobal(context, filenameKey, &savedFilename)) {
+    LogAndThrowError(isolate, kComponent, "cannot get __filename");
+    return {};
+  }
+  auto restoreGlobals = [&] {
+    setGlobal(isolate, tryCatch, dirnameKey, savedDirname);
+    setGlobal(isolate, tryCatch, filenameKey, savedFilename);
+  };
+
+  std::unique_ptr<FileRecord> resolved = ResolveRequiredFile(fileName, dirName);
+  if (!resolved) {
+    LogAndThrowError(isolate, kComponent,
+                     "Require function couldn't resolve path for the file [" + fileName +
+                         "] in folder: [" + dirName + "]");
+    return {};
+  }
+  // Element references survive the inserts of nested loads.
+  v8::Persistent<v8::Value>& loaded = moduleTable[resolved->fullPath.get()];
+  if (!loaded.IsEmpty()) {
+    v8::Local<v8::Value> result = v8::Local<v8::Value>::New(isolate, loaded);
+    restoreGlobals();
+    return result;
+  }
+
+  FileCacheManager& files = FileCacheManager::instance();
+  FileRecord* record = resolved.release();
+  std::unique_ptr<FileRecord, RecordRelease> own;  // a record of ours that the cache did not take
+  if (!files.lookup(record)) {
+    own.reset(record);
+    int32_t size = 0;
+    std::unique_ptr<char[]> contents;
+    try {
+      // Only JSON loses a UTF-8 mark: in JavaScript it stands behind the prefix as white space.
+      contents =
+          ReadFileContents(record->fullPath.get(), &size, record->kind != FileKind::kJavaScript);
+    } catch (const std::exception& e) {
+      LogAndThrowError(isolate, kComponent,
+                       "Require::RequireFunction - couldn't load the file " + fileName +
+                           " in folder: " + dirName + ": " + e.what());
+      return {};
+    }
+    if (record->kind == FileKind::kJavaScript) {
+      record->text.reserve(sizeof(kPrefix) + size + sizeof(kSuffix));
+      record->text.append(kPrefix).append(contents.get(), size).append(kSuffix);
+    } else {
+      record->text.assign(contents.get(), size);
+    }
+    record->source = record->text.c_str();
+    record->size = static_cast<int32_t>(record->text.size());
+    isolate->AdjustAmountOfExternalAllocatedMemory(record->size);
+    // The loser of a race uses its own record for this load and gives it back afterwards.
+    if (files.add(record)) own.release();
+  }
+  KeshLogger::log(
+      LogLevel::kTrace, kComponent,
+      "Require::RequireFunction - successfully loaded " + fileName + " in folder: " + dirName);
+
+  v8::Local<v8::String> newFilename = ToV8String(isolate, record->fileName);
+  v8::Local<v8::String> newDirname = ToV8String(isolate, record->dirName.get());
+  setGlobal(isolate, tryCatch, filenameKey, newFilename);
+  setGlobal(isolate, tryCatch, dirnameKey, newDirname);
+  if (tryCatch.HasCaught()) return {};
+
+  if (record->kind == FileKind::kJson) {
+    v8::Local<v8::Value> parsed;
+    if (!v8::JSON::Parse(context, ToV8String(isolate, record->source)).ToLocal(&parsed) ||
+        tryCatch.HasCaught()) {
+      if (!tryCatch.HasCaught()) {
+        isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, "Failed to parse JSON")));
+      }
+      restoreGlobals();
+      return {};
+    }
+    loaded.Reset(isolate, parsed);
+    restoreGlobals();
+    return parsed;
+  }
+
+  v8::Local<v8::String> resourceName = ToV8String(isolate, record->fullPath.get());
+  v8::ScriptCompiler::Source* cached =
+      ScriptCacheManager::instance().getOrCompile(isolate, *record);
+  if (cached == nullptr && tryCatch.HasCaught()) return {};
+  v8::Local<v8::String> sourceText = ToV8String(isolate, record->source);
+  if (tryCatch.HasCaught()) {
+    LogAndThrowError(isolate, kComponent, ExceptionToString(isolate, tryCatch));
+    return {};
+  }
+
+  // The Source gets a wrapper that does not own the shared buffer: it may delete the wrapper, and
+  // V8's rejected flag is written here rather than into the object that every isolate reads.
+  const v8::ScriptCompiler::CachedData* shared =
+      cached != nullptr ? cached->GetCachedData() : nullptr;
+  auto* data = shared == nullptr ? nullptr
+                                 : new v8::ScriptCompiler::CachedData(
+                                       shared->data, shared->length,
+                                       v8::ScriptCompiler::CachedData::BufferNotOwned);
+  v8::ScriptOrigin origin(isolate, resourceName);
+  v8::ScriptCompiler::Source source(sourceText, origin, data);
+  v8::Local<v8::UnboundScript> unbound;
+  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
+                                                data != nullptr
+                                                    ? v8::ScriptCompiler::kConsumeCodeCache
+                                                    : v8::ScriptCompiler::kNoCompileOptions)
+           .ToLocal(&unbound) ||
+      tryCatch.HasCaught()) {
+    // The script gets the whole record of the error: file, line, column, source line.
+    isolate->ThrowException(ExceptionToObject(isolate, tryCatch));
+    return {};
+  }
+
+  v8::Local<v8::Value> completion;
+  if (!unbound->BindToCurrentContext()->Run(context).ToLocal(&completion) || tryCatch.HasCaught()) {
+    LogAndThrowError(isolate, kComponent, ExceptionToString(isolate, tryCatch));
+    restoreGlobals();
+    return {};
+  }
+  if (!completion->IsFunction()) {  // not a wrapped module: nothing runs and nothing is stored
+    restoreGlobals();
+    return {};
+  }
+
+  v8::Local<v8::String> exportsKey = ToV8String(isolate, "exports", StringType::kInternalized);
+  auto define = [&](v8::Local<v8::Object> target, v8::Local<v8::String> key,
+                    v8::Local<v8::Value> value) {
+    if (target->CreateDataProperty(context, key, value).IsNothing() && !tryCatch.HasCaught()) {
+      LogAndThrowError(isolate, kComponent, "Object::CreateDataProperty failed");
+    }
+  };
+  v8::Local<v8::Object> module = v8::Object::New(isolate);
+  v8::Local<v8::Object> exports = v8::Object::New(isolate);
+  define(module, exportsKey, exports);
+  v8::Local<v8::Object> parent = v8::Object::New(isolate);
+  define(parent, ToV8String(isolate, "filename", StringType::kInternalized), savedFilename);
+  define(parent, ToV8String(isolate, "path", StringType::kInternalized), savedDirname);
+  define(module, parentKey, parent);
+  define(module, ToV8String(isolate, "filename", StringType::kInternalized), newFilename);
+  define(module, ToV8String(isolate, "path", StringType::kInternalized), newDirname);
+  KeshLogger::log(LogLevel::kTrace, kComponent,
+                  std::string("running required file ") + record->fullPath.get());
+
+  v8::Local<v8::Value> args[] = {module, exports, newFilename, newDirname, load};
+  v8::Local<v8::Value> returned;
+  if (!completion.As<v8::Function>()
+           ->Call(context, context->Global(), 5, args)
+           .ToLocal(&returned) ||
+      tryCatch.HasCaught()) {
+    if (!tryCatch.HasCaught()) {
+      isolate->ThrowException(
+          v8::Exception::Error(ToV8String(isolate, "Failed to get script result")));
+    }
+    restoreGlobals();
+    return {};
+  }
+  if (IsRejectedPromise(returned)) {
+    v8::Local<v8::Message> message =
+        v8::Exception::CreateMessage(isolate, returned.As<v8::Promise>()->Result());
+    LogAndThrowError(isolate, kComponent,
+                     "Error running required file: " + utf8Text(isolate, message->Get()));
+    return {};
+  }
+  v8::Local<v8::Value> result;
+  if (!module->Get(context, exportsKey).ToLocal(&result)) {  // a getter the module put there threw
+    restoreGlobals();
+    return {};
+  }
+  loaded.Reset(isolate, result);
+  restoreGlobals();
+  return result;
+}
+
+}  // namespace
+
+std::unique_ptr<FileRecord> ResolveRequiredFile(const std::string& name, const std::string& dir) {
+  v8::Isolate* isolate = v8::Isolate::GetCurrent();
+  std::string base = dir;
+  v8::HandleScope scope(isolate);
+  v8::TryCatch tryCatch(isolate);
+
+  if (name.find(".js") == std::string::npos && isCoreModule(name)) {
+    LogAndThrowError(
+        isolate, kComponent,
+        "Require failed loading: " + name + " - Core node modules are currently not supported");
+    tryCatch.ReThrow();
+    return nullptr;
+  }
+
+  std::unique_ptr<FileRecord> found;
+  bool pathForm = false;
+  if (startsWith(name, "/")) {
+    base.clear();  // absolute
+    pathForm = true;
+  } else if (startsWith(name, "./") || startsWith(name, "../")) {
+    pathForm = true;
+  }
+  if (pathForm) found = ResolveAsFileOrDirectory(isolate, base + name);  // dir ends with '/'
+  // A path form that misses goes on like a bare name.
+  if (!found) {
+    for (const std::string& modules : CollectNodeModulesPaths(dir)) {
+      found = ResolveAsFileOrDirectory(isolate, modules + kPathSeparator + name);
+      if (found) break;
+    }
+  }
+  if (!found) found = ResolveAsFile(name);  // against the process's current directory
+  if (!found) {
+    LogAndThrowError(isolate, kComponent,
+                     "Require failed loading: " + name + " - couldn't find the file");
+    tryCatch.ReThrow();
+    return nullptr;
+  }
+  // A package.json failure on the way, if any, ends with this TryCatch: only its log line stays.
+  found->kind = kindFromName(name);
+  return found;
+}
+
+namespace Require {
+
+void RequireFunction(const v8::FunctionCallbackInfo<v8::Value>& info) {
+  v8::Isolate* isolate = info.GetIsolate();
+  isolateEnter(isolate);
+  v8::HandleScope scope(isolate);
+  v8::TryCatch tryCatch(isolate);
+  v8::Local<v8::Value> result = requireModule(info, tryCatch);
+  if (tryCatch.HasCaught()) {
+    tryCatch.ReThrow();
+  } else if (!result.IsEmpty()) {
+    info.GetReturnValue().Set(result);
+  }
+  isolateLeave(isolate);
+}
+
+}  // namespace Require
+
+void InstallRequire(ThreadComponent* threadComponent, v8::Local<v8::Object> target) {
+  v8::Isolate* isolate = threadComponent->isolate_;
+  isolateEnter(isolate);
+  RegisterFunction(isolate, target, "keshRequire", Require::RequireFunction);
+  isolateLeave(isolate);
+}
+
+}  // namespace kesh

@@ -1,0 +1,148 @@
+'use strict';
+const test = require('node:test');
+const assert = require('node:assert');
+const fs = require('node:fs');
+const path = require('node:path');
+const { scenario, scriptDir } = require('./helpers');
+
+// A Vuser script that requires each name and prints every outcome as one JSON line.
+const reporter = (body) => `
+  const out = {};
+  const t = (key, f) => {
+    try { out[key] = f(); } catch (e) {
+      out[key] = { thrown: e instanceof Error ? e.constructor.name + ': ' + e.message : e };
+    }
+  };
+  const r = (name) => keshRequire(name, __dirname);
+  ${body}
+  console.log('RESULT' + JSON.stringify(out));`;
+
+// Starts one Vuser per script, all at once; `between` runs after they started, before they stop.
+function runVusers(scripts, between = '') {
+  const r = scenario(`
+    const lines = [];
+    k.onLogMessage((l) => lines.push(l));
+    const scripts = ${JSON.stringify(scripts)};
+    scripts.forEach((s, i) => k.createKeshThread(i + 1, s, '{}'));
+    Promise.all(scripts.map((s, i) => k.startKeshThread(i + 1))).then(async () => {
+      ${between}
+      scripts.forEach((s, i) => k.stopKeshThread(i + 1));
+      k.destroyKeshThreads();
+      console.log('LINES' + JSON.stringify(lines));
+    }, (e) => { console.log('FAILED ' + e); k.destroyKeshThreads(); });`);
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.doesNotMatch(r.stdout, /FAILED/);
+  const results = [...r.stdout.matchAll(/^RESULT(.*)$/gm)].map((m) => JSON.parse(m[1]));
+  return { ...r, results, lines: JSON.parse(/^LINES(.*)$/m.exec(r.stdout)[1]) };
+}
+
+test('resolution: files, directories, package.json main, node_modules deepest first, core names', () => {
+  const dir = scriptDir({
+    'main.js': reporter(`for (const n of ['./a', './b', './a.json', './data', './list.json', 'fs',
+      'fs.js', './fs', 'deep', 'own', './nested', './nomain', './maindir', './idx', './idx2',
+      ${JSON.stringify('/')} + __dirname.slice(1) + 'b.js', './missing']) t(n, () => r(n));`),
+    'a': "module.exports = 'a'", 'a.js': "module.exports = 'a.js'", 'a.json': '"a.json"',
+    'b.js': "module.exports = 'b.js'", 'b.json': '"b.json"',
+    'data.json': '[1, 2]', 'list.json': '[3, 4]',
+    'fs.js': "module.exports = 'local fs'",
+    'node_modules/fs.js': "module.exports = 'modules fs'",
+    'node_modules/own.js': "module.exports = 'top own'",
+    'node_modules/deep/index.js': "module.exports = { own: require('own'), mid: require('mid') }",
+    'node_modules/deep/node_modules/own.js': "module.exports = 'deep own'",
+    'node_modules/mid/package.json': '{"name": "mid", "main": "lib/start"}',
+    'node_modules/mid/lib/start.js': "module.exports = 'mid main'",
+    'nested/package.json': '{"config": {"main": "inner.js"}, "main": "outer.js"}',
+    'nested/inner.js': "module.exports = 'inner'", 'nested/outer.js': "module.exports = 'outer'",
+    'nomain/package.json': '{"name": "nomain"}', 'nomain/index.js': "module.exports = 'index'",
+    'node_modules/nomain.js': "module.exports = 'nomain from node_modules'",
+    'maindir/package.json': '{"main": "sub"}', 'maindir/sub/index.js': "module.exports = 'sub'",
+    'idx/index.js.json': "module.exports = 'index.js.json'", 'idx/index.json': '"index.json"',
+    'idx2/index.js': "module.exports = 'index.js'", 'idx2/index.json': '"index.json"',
+  });
+  const { results: [out], lines } = runVusers([path.join(dir, 'main.js')]);
+  const notResolved = (n) => ({ thrown: `Error: Require function couldn't resolve path for the file [${n}] in folder: [${dir}/]` });
+  assert.deepStrictEqual(Object.values(out), [
+    'a', 'b.js', 'a.json', {}, [3, 4], notResolved('fs'), 'modules fs', 'local fs',
+    { own: 'deep own', mid: 'mid main' }, 'top own', 'inner', 'nomain from node_modules', 'sub',
+    'index.js.json', 'index.js', 'b.js', notResolved('./missing'),
+  ]);
+  assert.ok(lines.some((l) => /^Require - .*Require failed loading: fs - Core node modules are currently not supported$/.test(l)));
+  assert.ok(lines.some((l) => /Require failed loading: \.\/missing - couldn't find the file$/.test(l)));
+});
+
+test('module runs: exports, JSON, UTF-8 mark, parent, failures and their kinds, self-require', () => {
+  const dir = scriptDir({
+    'main.js': reporter(`
+      t('five', () => r('./five'));
+      t('once', () => [r('./once'), r('./once') === r('./once')]);
+      t('throw1', () => r('./throws'));
+      t('throw2', () => r('./throws'));
+      t('restored', () => [__filename, __dirname]);
+      t('bom', () => [r('./bom.json'), r('./bom.js')]);
+      t('parent', () => r('./sub/mid'));
+      t('load', () => keshRequire('./load', __dirname, { x: 1 }));
+      t('nullLoad', () => keshRequire('./five', __dirname, null));
+      t('oneArg', () => keshRequire('./five'));
+      t('badJson', () => r('./bad.json'));
+      t('rejects', () => r('./rejects'));
+      t('self', () => r('./self'));
+      t('cycle', () => r('./cycle1'));
+      t('syntax', () => r('./syntax'));
+      t('notRestored', () => [__filename, __dirname]);`),
+    'five.js': 'module.exports = 5',
+    'once.js': 'global.runs = (global.runs || 0) + 1; module.exports = { runs: global.runs };',
+    'throws.js': "global.throws = (global.throws || 0) + 1; throw new Error('boom ' + global.throws);",
+    'bom.json': '\uFEFF{"k": 1}',
+    'bom.js': "\uFEFFmodule.exports = 'bom js';",
+    'sub/mid.js': 'module.exports = { mid: [module.parent.filename, module.parent.path, ' +
+      "module.filename, module.path], leaf: require('./leaf') };",
+    'sub/leaf.js': 'module.exports = [module.parent.filename, module.parent.path, __filename, __dirname];',
+    'load.js': 'module.exports = load;',
+    'bad.json': '{"k": }',
+    'rejects.js': "const p = Promise.reject(new Error('late')); p.catch(() => {}); return p;",
+    'self.js': "module.exports = require('./self');",
+    'cycle1.js': "module.exports = require('./cycle2');",
+    'cycle2.js': "module.exports = require('./cycle1');",
+    'syntax.js': 'var x = ;',
+  });
+  const main = path.join(dir, 'main.js');
+  const { results: [out], lines } = runVusers([main]);
+  const badArgs = { thrown: 'Error: Require::RequireFunction - Expects at least 2 arguments: 1) file name(string), 2) dir name(string)' };
+  assert.deepStrictEqual(out.five, 5);
+  assert.deepStrictEqual(out.once, [{ runs: 1 }, true]);
+  assert.deepStrictEqual([out.throw1, out.throw2], [{ thrown: 'Error: boom 1' }, { thrown: 'Error: boom 2' }]);
+  assert.deepStrictEqual(out.restored, [main, `${dir}/`]);
+  assert.deepStrictEqual(out.bom, [{ k: 1 }, 'bom js']);
+  assert.deepStrictEqual(out.parent, { mid: [main, `${dir}/`, 'mid.js', `${dir}/sub/`],
+    leaf: ['mid.js', `${dir}/sub/`, 'leaf.js', `${dir}/sub/`] });
+  assert.deepStrictEqual(out.load, { x: 1 });
+  assert.deepStrictEqual([out.nullLoad, out.oneArg], [badArgs, badArgs]);
+  assert.match(out.badJson.thrown, /^SyntaxError: /);
+  assert.match(out.rejects.thrown, /^Error: Error running required file: .*late/);
+  for (const e of [out.self, out.cycle]) assert.match(JSON.stringify(e), /Maximum call stack size exceeded/);
+  // A compile error reaches the script as the plain record of the error, not as an Error.
+  assert.strictEqual(out.syntax.thrown.fileName, path.join(dir, 'syntax.js'));
+  assert.strictEqual(out.syntax.thrown.lineNumber, 1);
+  assert.strictEqual(out.syntax.thrown.columnNumber, 142 + 'var x = '.length);
+  assert.match(out.syntax.thrown.message, /SyntaxError/);
+  assert.deepStrictEqual(out.notRestored, ['syntax.js', `${dir}/`]);
+  const runs = (name) => lines.filter((l) => l.endsWith(`running required file ${path.join(dir, name)}`)).length;
+  assert.deepStrictEqual([runs('once.js'), runs('throws.js'), runs('five.js')], [1, 2, 1]);
+});
+
+test('Vusers share file texts and code: first loads at once, then a later Vuser', () => {
+  const dir = scriptDir({
+    'main.js': "console.log('GOT ' + keshRequire('./shared', __dirname));",
+    'shared.js': "global.n = (global.n || 0) + 1; module.exports = 'v1 ' + vuser_id + ' ' + global.n;",
+  });
+  const main = path.join(dir, 'main.js');
+  const { stdout, lines } = runVusers([main, main, main, main], `
+    require('fs').writeFileSync(${JSON.stringify(path.join(dir, 'shared.js'))}, "module.exports = 'v2'");
+    k.createKeshThread(5, ${JSON.stringify(main)}, '{}');
+    await k.startKeshThread(5);
+    k.stopKeshThread(5);`);
+  const got = [...stdout.matchAll(/^GOT (.*)$/gm)].map((m) => m[1]).sort();
+  // The changed file is not read again: the fifth Vuser runs the cached text with its own state.
+  assert.deepStrictEqual(got, [1, 2, 3, 4, 5].map((id) => `v1 ${id} 1`));
+  assert.strictEqual(lines.filter((l) => /running required file .*shared\.js$/.test(l)).length, 5);
+});
