@@ -175,6 +175,8 @@ void InitNetworking(const v8::FunctionCallbackInfo<v8::Value>& info) {
       return;
     }
   }
+  // A stop used up by these passes must still end the loop that runs this script.
+  if (tc->thread_stopping_.load()) uv_stop(tc->loop_);
 }
 
 void OnClose(uv_handle_t* handle) {

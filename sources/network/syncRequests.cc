@@ -53,6 +53,8 @@ void SendSyncEventLoopRunner(NetworkManager* manager,
   } while (tc->sync_request_active_.load() && !tc->thread_stopping_.load());
   tc->sync_request_active_.exchange(false);
   if (tc->thread_stopping_.load()) {
+    // The nested run used up the stop; the loop that runs this script must see it too.
+    uv_stop(tc->loop_);
     KeshLogger::log(LogLevel::kError, kComponent, tc->vuser_id_,
                     "thread aborted during sync request - exiting");
     throw std::runtime_error(kAborted);

@@ -53,15 +53,17 @@ void KeshThread::start() {
   KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, vuser_id_, "thread start");
   ThreadComponent* tc = thread_component_.get();
   // The hooks are made before the thread exists, while nothing runs the loop: a command sent
-  // right after the start must find them ready.
+  // right after the start must find them ready. libuv runs async callbacks in the order the
+  // handles were made, and a loop run nested inside one callback (a blocking request in a run
+  // function) only sees the handles already served in that pass: the stop hooks come first.
+  tc->thread_stop_hook_.data = this;
+  checkUv("thread_stop_hook", uv_async_init(tc->loop_, &tc->thread_stop_hook_, onStopRequest));
+  tc->loop_stop_hook_.data = this;
+  checkUv("loop_stop_hook", uv_async_init(tc->loop_, &tc->loop_stop_hook_, onLoopStop));
   tc->run_function_hook_.data = this;
   checkUv("run_function_hook", uv_async_init(tc->loop_, &tc->run_function_hook_, onRunFunction));
   tc->async_callbacks_prepare_.data = tc;
   checkUv("prepare_init", uv_prepare_init(tc->loop_, &tc->async_callbacks_prepare_));
-  tc->loop_stop_hook_.data = this;
-  checkUv("loop_stop_hook", uv_async_init(tc->loop_, &tc->loop_stop_hook_, onLoopStop));
-  tc->thread_stop_hook_.data = this;
-  checkUv("thread_stop_hook", uv_async_init(tc->loop_, &tc->thread_stop_hook_, onStopRequest));
   thread_ = std::thread([this] { threadMain(); });
 }
 
