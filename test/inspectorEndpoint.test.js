@@ -11,7 +11,7 @@ const buildDir = process.env.KESH_BUILD_DIR || path.join(__dirname, '..', 'build
 const endpoint = require(path.join(buildDir, 'kesh-inspector-echo.node'));
 
 test('discovery, echo, refusal and both close handshakes with foreign clients', async () => {
-  const port = endpoint.start('127.0.0.1', 0);
+  const port = endpoint.start(0);
   assert.ok(port > 0);
   const url = `ws://127.0.0.1:${port}/echo-target`;
   const list = await (await fetch(`http://127.0.0.1:${port}/json/list`)).json();
@@ -42,7 +42,6 @@ test('discovery, echo, refusal and both close handshakes with foreign clients', 
   endpoint.requestStop();
   const [lastCode] = await once(last, 'close');
   assert.strictEqual(lastCode, 1005);
-  const events = endpoint.join().map((e) => e.replace(/^(\w+) \d+/, '$1'));
-  assert.deepStrictEqual(events, ['start', 'message 5', 'message 9', 'message 300',
+  assert.deepStrictEqual(endpoint.join(), ['start', 'message 5', 'message 9', 'message 300',
     'message 70000', 'end', 'start', 'end', 'done']);
 });

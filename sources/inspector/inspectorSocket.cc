@@ -423,7 +423,8 @@ int AcceptSocket(uv_stream_t* server_stream, InspectorSocket* socket,
 }
 
 void WriteSocket(InspectorSocket* inspector, const char* data, size_t length) {
-  if (uv_is_closing(handleOf(inspector))) return;
+  // Nothing may follow our close frame.
+  if (uv_is_closing(handleOf(inspector)) || inspector->shutting_down) return;
   if (uv_stream_get_write_queue_size(streamOf(inspector)) > kMaxWriteQueueBytes) {
     if (inspector->ws_mode) {
       failWebSocket(inspector, UV_ENOBUFS);
@@ -436,7 +437,6 @@ void WriteSocket(InspectorSocket* inspector, const char* data, size_t length) {
     writeBytes(inspector, std::vector<char>(data, data + length), freeWriteRequest);
     return;
   }
-  if (inspector->shutting_down) return;  // our close frame is out: nothing may follow it
   writeBytes(inspector, EncodeFrame(data, length), freeWriteRequest);
 }
 
