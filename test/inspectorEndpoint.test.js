@@ -1,0 +1,47 @@
+'use strict';
+// The debugger endpoint against clients written elsewhere: fetch for discovery, the ws package
+// for the WebSocket. The endpoint runs on a thread of its own inside this process.
+const test = require('node:test');
+const assert = require('node:assert');
+const { once } = require('node:events');
+const path = require('node:path');
+const WebSocket = require('ws');
+
+const buildDir = process.env.KESH_BUILD_DIR || path.join(__dirname, '..', 'build');
+const endpoint = require(path.join(buildDir, 'kesh-inspector-echo.node'));
+
+test('discovery, echo, refusal and both close handshakes with foreign clients', async () => {
+  const port = endpoint.start(0);
+  assert.ok(port > 0);
+  const url = `ws://127.0.0.1:${port}/echo-target`;
+  const list = await (await fetch(`http://127.0.0.1:${port}/json/list`)).json();
+  assert.deepStrictEqual(list.map((t) => [t.id, t.title, t.url, t.webSocketDebuggerUrl]),
+    [['echo-target', 'echo', 'file:///echo.js', url]]);
+  const version = await (await fetch(`http://127.0.0.1:${port}/json/version`)).json();
+  assert.deepStrictEqual(version, { Browser: 'kesh', 'Protocol-Version': '1.1' });
+
+  const client = new WebSocket(url);
+  await once(client, 'open');
+  // Short, 16-bit and 64-bit length forms, and text that is not ASCII.
+  const texts = ['hello', 'é ü ✓', 'm'.repeat(300), 'x'.repeat(70000)];
+  for (const text of texts) {
+    client.send(text);
+    const [data, isBinary] = await once(client, 'message');
+    assert.strictEqual(isBinary, false);
+    assert.strictEqual(data.toString(), text);
+  }
+  const second = new WebSocket(url);
+  const [error] = await once(second, 'error');
+  assert.match(error.message, /Unexpected server response: 400/);
+  client.close(1000);
+  const [code] = await once(client, 'close');
+  assert.strictEqual(code, 1005); // our close frame carries no status
+
+  const last = new WebSocket(url);
+  await once(last, 'open');
+  endpoint.requestStop();
+  const [lastCode] = await once(last, 'close');
+  assert.strictEqual(lastCode, 1005);
+  assert.deepStrictEqual(endpoint.join(), ['start', 'message 5', 'message 9', 'message 300',
+    'message 70000', 'end', 'start', 'end', 'done']);
+});
