@@ -3,6 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "inspector/inspectorAgent.h"
 #include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
 #include "services/Require.h"
@@ -118,6 +119,9 @@ void KeshThread::threadMain() {
       KeshLogger::log(LogLevel::kDebug, kComponent, vuser_id_, "Isolate init");
       isolate->SetCaptureStackTraceForUncaughtExceptions(true, 10, v8::StackTrace::kDetailed);
       installGlobals(tc);
+      if (inspector_enabled_) {
+        inspector_agent_ = StartInspectorAgent(tc, inspector_host_, inspector_port_);
+      }
 
       try {
         FileRecord* file = tc->thread_script_file;
@@ -275,6 +279,11 @@ void KeshThread::stopThread() {
 }
 
 void KeshThread::closeResources() {
+  if (inspector_agent_ != nullptr) {
+    inspector_agent_->Stop();
+    inspector_agent_->Disconnect();
+    inspector_agent_.reset();
+  }
   if (NetworkManager* manager = network_manager_.get()) {
     auto* tcp = reinterpret_cast<uv_handle_t*>(&manager->tcp_);
     if (manager->connected_.load() && uv_is_active(tcp) && !uv_is_closing(tcp)) {

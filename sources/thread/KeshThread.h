@@ -11,6 +11,7 @@ namespace kesh {
 
 // One Vuser: its components and the operating-system thread that runs its script.
 struct NetworkManager;
+class Agent;
 
 struct KeshThread {
   uint32_t vuser_id_;
@@ -19,6 +20,7 @@ struct KeshThread {
   // Made on the Vuser thread, whose thread-local it becomes; freed with the Vuser.
   std::unique_ptr<NetworkManager> network_manager_;
   bool inspector_enabled_ = false;
+  std::unique_ptr<Agent> inspector_agent_;  // while a debugger endpoint runs for this Vuser
   std::string inspector_host_;
   uint32_t inspector_port_ = 0;
   // Main-thread bookkeeping of the Vuser's life, so that commands out of order are refused.

@@ -1,0 +1,228 @@
+#include "inspector/inspectorAgent.h"
+
+#include <cstdio>
+
+#include "inspector/inspectorIO.h"
+#include "services/KeshLogger.h"
+#include "services/check.h"
+#include "thread/threadComponents.h"
+
+namespace kesh {
+namespace {
+
+// Tasks and interrupts of an isolate run on the thread that holds it, which is the thread
+// that made its agent.
+thread_local Agent* thread_agent = nullptr;
+
+std::unique_ptr<v8_inspector::StringBuffer> utf16Buffer(const std::string& text) {
+  std::u16string converted;
+  if (!Utf8ToUtf16(text, &converted)) converted.clear();
+  return v8_inspector::StringBuffer::create(ViewOf(converted));
+}
+
+// A protocol string of a V8 value: empty for anything but a string.
+std::unique_ptr<v8_inspector::StringBuffer> protocolString(v8::Isolate* isolate,
+                                                           v8::Local<v8::Value> value) {
+  if (value.IsEmpty() || !value->IsString()) {
+    return v8_inspector::StringBuffer::create(v8_inspector::StringView());
+  }
+  v8::Local<v8::String> string = value.As<v8::String>();
+  std::u16string text(static_cast<size_t>(string->Length()), u'\0');
+  string->Write(isolate, reinterpret_cast<uint16_t*>(text.data()), 0, string->Length());
+  return v8_inspector::StringBuffer::create(ViewOf(text));
+}
+
+}  // namespace
+
+InspectorChannel::InspectorChannel(v8_inspector::V8Inspector* inspector,
+                                   InspectorSessionDelegate* delegate)
+    : delegate_(delegate) {
+  // Fully trusted, and not held back by V8: the release at start is ours.
+  session_ = inspector->connect(kContextGroupId, this, v8_inspector::StringView(),
+                                v8_inspector::V8Inspector::kFullyTrusted,
+                                v8_inspector::V8Inspector::kNotWaitingForDebugger);
+}
+
+InspectorChannel::~InspectorChannel() = default;
+
+void InspectorChannel::sendResponse(int, std::unique_ptr<v8_inspector::StringBuffer> message) {
+  delegate_->SendMessageToFrontend(message->string());
+}
+
+void InspectorChannel::sendNotification(std::unique_ptr<v8_inspector::StringBuffer> message) {
+  delegate_->SendMessageToFrontend(message->string());
+}
+
+void InspectorChannel::flushProtocolNotifications() {}
+
+InspectorClient::InspectorClient(v8::Isolate* isolate, node::MultiIsolatePlatform* platform)
+    : isolate_(isolate), platform_(platform) {
+  inspector_ = v8_inspector::V8Inspector::create(isolate, this);
+  ReportContext(isolate->GetCurrentContext(), "thread Context");
+}
+
+// The session goes before the inspector it belongs to.
+InspectorClient::~InspectorClient() { channel_.reset(); }
+
+void InspectorClient::ReportContext(v8::Local<v8::Context> context, const std::string& name) {
+  std::unique_ptr<v8_inspector::StringBuffer> text = utf16Buffer(name);
+  v8_inspector::V8ContextInfo info(context, kContextGroupId, text->string());
+  inspector_->contextCreated(info);
+}
+
+void InspectorClient::runMessageLoopOnPause(int) {
+  KESH_CHECK(channel_ != nullptr);
+  if (running_nested_loop_) return;
+  terminated_ = false;
+  running_nested_loop_ = true;
+  // Messages come in as foreground tasks of the isolate; the Vuser's own loop stands still.
+  // A client that leaves ends the pause: its disconnect sets terminated_ before the channel goes.
+  while (!terminated_ && channel_->delegate_->WaitForFrontendMessage()) {
+    platform_->FlushForegroundTasks(isolate_);
+  }
+  terminated_ = false;
+  running_nested_loop_ = false;
+}
+
+void InspectorClient::quitMessageLoopOnPause() { terminated_ = true; }
+
+v8::Local<v8::Context> InspectorClient::ensureDefaultContextInGroup(int) {
+  return isolate_->GetCurrentContext();
+}
+
+Agent::Agent(std::string host, int32_t port, const std::string&)
+    : host_(std::move(host)), port_(port) {
+  thread_agent = this;
+}
+
+Agent::~Agent() {
+  io_.reset();
+  client_.reset();
+  if (thread_agent == this) thread_agent = nullptr;
+}
+
+Agent* Agent::ForIsolate(v8::Isolate* isolate) {
+  return thread_agent != nullptr && thread_agent->isolate_ == isolate ? thread_agent : nullptr;
+}
+
+bool Agent::Start(v8::Isolate* isolate, node::MultiIsolatePlatform* platform,
+                  const char* script_name, uv_loop_t* loop) {
+  path_ = script_name != nullptr ? script_name : "";
+  isolate_ = isolate;
+  loop_ = loop;
+  client_ = std::make_unique<InspectorClient>(isolate, platform);
+  client_->ReportContext(isolate->GetCurrentContext(), "Kesh debugger context");
+  platform_ = platform;
+  if (io_ != nullptr) return true;
+  KESH_CHECK(client_ != nullptr);
+  io_ = std::make_unique<InspectorIo>(isolate, platform, path_, host_, port_, true, loop, this);
+  if (!io_->Start()) {
+    client_.reset();
+    return false;
+  }
+  return true;
+}
+
+void Agent::PauseOnNextStatement(const std::string& reason) {
+  if (client_ == nullptr || client_->channel_ == nullptr) return;
+  std::unique_ptr<v8_inspector::StringBuffer> text = utf16Buffer(reason);
+  client_->channel_->session_->schedulePauseOnNextStatement(text->string(), text->string());
+}
+
+void Agent::Connect(InspectorSessionDelegate* delegate) {
+  KESH_CHECK(client_ != nullptr);
+  KESH_CHECK(client_->channel_ == nullptr);
+  client_->channel_ = std::make_unique<InspectorChannel>(client_->inspector_.get(), delegate);
+}
+
+void Agent::Dispatch(const v8_inspector::StringView& message) {
+  KESH_CHECK(client_ != nullptr);
+  KESH_CHECK(client_->channel_ != nullptr);
+  client_->channel_->session_->dispatchProtocolMessage(message);
+}
+
+void Agent::Disconnect() {
+  KESH_CHECK(client_ != nullptr);
+  client_->quitMessageLoopOnPause();
+  client_->channel_.reset();
+}
+
+void Agent::Stop() {
+  if (io_ != nullptr) {
+    io_->Stop();
+    io_.reset();
+  }
+  if (isolate_ == nullptr) return;
+  v8::HandleScope scope(isolate_);
+  if (!disable_async_hook_.IsEmpty()) {
+    v8::Local<v8::Context> context = isolate_->GetCurrentContext();
+    v8::Local<v8::Function> disable = disable_async_hook_.Get(isolate_);
+    if (disable->Call(context, v8::Undefined(isolate_), 0, nullptr).IsEmpty()) {
+      // Thrown on into a thread body that ends, it would end the host too.
+      KeshLogger::log(LogLevel::kError, component::kKeshInspector,
+                      "Cannot disable Inspector's AsyncHook, please report this.");
+    }
+  }
+}
+
+void Agent::WaitForDisconnect() {
+  KESH_CHECK(client_ != nullptr);
+  client_->inspector_->contextDestroyed(isolate_->GetCurrentContext());
+  if (io_ != nullptr) io_->WaitForDisconnect();
+}
+
+void Agent::FatalException(v8::Local<v8::Value> error, v8::Local<v8::Message> message) {
+  if (client_ == nullptr) return;
+  v8::HandleScope scope(isolate_);
+  v8::Local<v8::Context> context = isolate_->GetCurrentContext();
+  int script_id = message->GetScriptOrigin().ScriptId();
+  v8::Local<v8::StackTrace> stack = message->GetStackTrace();
+  if (!stack.IsEmpty() && stack->GetFrameCount() > 0 &&
+      script_id == stack->GetFrame(isolate_, 0)->GetScriptId()) {
+    script_id = 0;
+  }
+  static const uint8_t kDetails[] = "Uncaught";
+  std::unique_ptr<v8_inspector::StringBuffer> url =
+      protocolString(isolate_, message->GetScriptResourceName());
+  std::unique_ptr<v8_inspector::StringBuffer> text = protocolString(isolate_, message->Get());
+  client_->inspector_->exceptionThrown(
+      context, v8_inspector::StringView(kDetails, sizeof(kDetails) - 1), error, text->string(),
+      url->string(), static_cast<unsigned>(message->GetLineNumber(context).FromMaybe(0)),
+      static_cast<unsigned>(message->GetStartColumn(context).FromMaybe(0)),
+      client_->inspector_->createStackTrace(stack), script_id);
+  WaitForDisconnect();
+}
+
+void Agent::ContextCreated(v8::Local<v8::Context> context) {
+  if (client_ == nullptr) return;
+  client_->ReportContext(context, "VM Context " + std::to_string(next_context_number_++));
+}
+
+void Agent::RegisterAsyncHook(v8::Local<v8::Function> enable, v8::Local<v8::Function> disable) {
+  enable_async_hook_.Reset();
+  if (!enable.IsEmpty()) enable_async_hook_.Reset(isolate_, enable);
+  disable_async_hook_.Reset();
+  if (!disable.IsEmpty()) disable_async_hook_.Reset(isolate_, disable);
+}
+
+bool Agent::IsConnected() {
+  if (io_ == nullptr) return false;
+  InspectorIoDelegate* delegate = io_->delegate_.load();
+  return delegate != nullptr && delegate->connected_.load();
+}
+
+std::unique_ptr<Agent> StartInspectorAgent(ThreadComponent* tc, const std::string& host,
+                                           uint32_t port) {
+  FileRecord* file = tc->thread_script_file;
+  auto agent = std::make_unique<Agent>(host, static_cast<int32_t>(port), file->fileName);
+  if (!agent->Start(tc->isolate_, tc->platform_, file->fileName, tc->loop_)) {
+    KeshLogger::log(LogLevel::kError, component::kKeshInspector, tc->vuser_id_,
+                    "debugger endpoint " + host + ":" + std::to_string(port) +
+                        " did not start: the script runs without a debugger");
+    return nullptr;
+  }
+  agent->PauseOnNextStatement("Break on start");
+  return agent;
+}
+
+}  // namespace kesh
