@@ -14,6 +14,16 @@ namespace kesh {
 namespace {
 
 constexpr char kRunCommand[] = "\"Runtime.runIfWaitingForDebugger\"";
+// How long a client may take to answer our close frame when the Vuser stops; some clients never
+// answer, and the Vuser's stop waits for the IO thread.
+constexpr uint64_t kCloseAnswerMs = 2000;
+
+using QueueTarget = std::pair<InspectorSocketServer*, InspectorIo*>;
+
+void onCloseAnswerTimeout(uv_timer_t* timer) {
+  InspectorSocketServer* server = static_cast<QueueTarget*>(timer->data)->first;
+  for (auto& entry : server->connected_sessions_) DropConnection(&entry.second->socket_);
+}
 
 void dispatchForIsolate(v8::Isolate* isolate) {
   Agent* agent = Agent::ForIsolate(isolate);
@@ -72,7 +82,8 @@ void InspectorIoDelegate::MessageReceived(int32_t session_id, const std::string&
   // Any text with the command releases the Vuser, valid JSON or not; the release comes first.
   if (waiting_ && message.find(kRunCommand) != std::string::npos) {
     waiting_ = false;
-    uv_sem_post(&io_->thread_start_sem_);
+    std::lock_guard<std::mutex> lock(io_->state_lock_);
+    io_->run_requested_ = true;
   }
   io_->PostIncomingMessage(InspectorAction::kSendMessage, session_id, message);
 }
@@ -96,6 +107,9 @@ void InspectorIoDelegate::ServerDone() {
     io_->io_loop_open_ = false;
   }
   uv_close(reinterpret_cast<uv_handle_t*>(&io_->thread_req_), nullptr);
+  if (io_->close_timer_started_) {
+    uv_close(reinterpret_cast<uv_handle_t*>(&io_->close_timer_), nullptr);
+  }
 }
 
 InspectorIo::InspectorIo(v8::Isolate* isolate, node::MultiIsolatePlatform* platform,
@@ -133,7 +147,20 @@ bool InspectorIo::Start() {
   uv_sem_wait(&thread_start_sem_);
   if (state_ == State::kError) return false;
   state_ = State::kAccepting;
-  if (wait_for_connect_) DispatchMessages();
+  if (wait_for_connect_) {
+    // The script is held back, but the client is answered: some clients send their next
+    // command only once the last one is answered, the run command among them.
+    for (;;) {
+      bool released;
+      {
+        std::unique_lock<std::mutex> lock(state_lock_);
+        incoming_cond_.wait(lock, [this] { return run_requested_ || !incoming_queue_.empty(); });
+        released = run_requested_;
+      }
+      DispatchMessages();
+      if (released) break;
+    }
+  }
   return true;
 }
 
@@ -157,7 +184,7 @@ void InspectorIo::ThreadMain(void* arg) {
   InspectorIoDelegate delegate(io, script_path, io->script_name_, io->wait_for_connect_);
   io->delegate_.store(&delegate);
   InspectorSocketServer server(&delegate, &loop, io->host_, io->port_);
-  std::pair<InspectorSocketServer*, InspectorIo*> queue_target(&server, io);
+  QueueTarget queue_target(&server, io);
   io->thread_req_.data = &queue_target;
   if (!server.Start()) {
     io->state_ = State::kError;
@@ -170,7 +197,7 @@ void InspectorIo::ThreadMain(void* arg) {
     std::lock_guard<std::mutex> lock(io->state_lock_);
     io->io_loop_open_ = true;
   }
-  if (!io->wait_for_connect_) uv_sem_post(&io->thread_start_sem_);
+  uv_sem_post(&io->thread_start_sem_);
   uv_run(&loop, UV_RUN_DEFAULT);
   io->thread_req_.data = nullptr;
   KESH_CHECK(uv_loop_close(&loop) == 0);
@@ -277,7 +304,7 @@ void InspectorIo::Write(TransportAction action, int32_t session_id,
 }
 
 void InspectorIo::IoThreadAsyncCb(uv_async_t* handle) {
-  auto* target = static_cast<std::pair<InspectorSocketServer*, InspectorIo*>*>(handle->data);
+  auto* target = static_cast<QueueTarget*>(handle->data);
   if (target == nullptr) return;
   InspectorSocketServer* server = target->first;
   InspectorIo* io = target->second;
@@ -290,6 +317,12 @@ void InspectorIo::IoThreadAsyncCb(uv_async_t* handle) {
     switch (action) {
       case TransportAction::kKill:
         server->TerminateConnections();
+        if (!io->close_timer_started_ && !server->connected_sessions_.empty()) {
+          io->close_timer_started_ = true;
+          KESH_CHECK(0 == uv_timer_init(handle->loop, &io->close_timer_));
+          io->close_timer_.data = target;
+          uv_timer_start(&io->close_timer_, onCloseAnswerTimeout, kCloseAnswerMs, 0);
+        }
         [[fallthrough]];
       case TransportAction::kStop:
         // A stop after a stop (waiting for the client to leave, then the Vuser's end) is one.

@@ -105,7 +105,12 @@ class InspectorIo {
   // Whether thread_req_ may be woken: false before the server runs and from ServerDone on, so
   // nothing is sent to a loop that is closing or closed.
   bool io_loop_open_ = false;
+  // Under state_lock_: a client sent the run command, so the script may start.
+  bool run_requested_ = false;
   bool thread_running_ = false;  // started and not yet joined; Vuser thread only
+  // IO thread: ends the connections whose clients do not answer our close frame in time.
+  uv_timer_t close_timer_;
+  bool close_timer_started_ = false;
 
   InspectorIo(v8::Isolate* isolate, node::MultiIsolatePlatform* platform, std::string script_name,
               std::string host, int32_t port, bool wait_for_connect, uv_loop_t* loop, Agent* agent);
@@ -113,8 +118,8 @@ class InspectorIo {
   InspectorIo(const InspectorIo&) = delete;
   InspectorIo& operator=(const InspectorIo&) = delete;
 
-  // Blocks until a client sent the run command (or, not waiting, until the server runs); false
-  // when the server could not start.
+  // Blocks until the server runs and, when waiting for a client, until one sent the run command;
+  // messages are answered meanwhile. false when the server could not start.
   bool Start();
   void Stop();
   void WaitForDisconnect();

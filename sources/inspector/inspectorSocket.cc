@@ -475,4 +475,9 @@ void AbortHandshake(InspectorSocket* inspector) {
   if (inspector->http_parsing_state != nullptr) failureClose(inspector);
 }
 
+void DropConnection(InspectorSocket* inspector) {
+  KESH_CHECK(inspector->ws_mode);
+  closeConnection(inspector);
+}
+
 }  // namespace kesh

@@ -81,6 +81,9 @@ int StartFrameRead(InspectorSocket* inspector, uv_alloc_cb alloc_cb, uv_read_cb 
 void CloseSocket(InspectorSocket* inspector, SocketCloseCallback close_cb);
 // HTTP phase only: ends the connection without an answer; kHandshakeFailed follows.
 void AbortHandshake(InspectorSocket* inspector);
+// WebSocket phase: ends the connection at once, without waiting for the peer's close frame; the
+// close callback of an earlier CloseSocket follows.
+void DropConnection(InspectorSocket* inspector);
 
 // The pieces below are pure and exposed for tests.
 std::string WebSocketAcceptKey(const std::string& key);

@@ -1,0 +1,161 @@
+'use strict';
+// A Vuser debugged by real clients: a DevTools-protocol library, Node's own debugger client, and
+// raw WebSockets for what those never send. Each scenario runs in a node process of its own.
+const test = require('node:test');
+const assert = require('node:assert');
+const path = require('node:path');
+const { scenario, scriptDir } = require('./helpers');
+
+const dir = scriptDir({
+  'debugged.js': `const greeting = 'hi';
+function step(param) {
+  const local = param.page + '!';
+  return local;
+}
+console.log('main ran ' + greeting);
+`,
+});
+const script = path.join(dir, 'debugged.js');
+const paths = JSON.stringify({
+  cdp: require.resolve('chrome-remote-interface'),
+  ws: require.resolve('ws'),
+  script,
+});
+
+// The child's common part: log lines collected, a Vuser with the debugger on a free port, and
+// a wait for the n-th "Debugger listening" line.
+const prelude = `
+  const P = ${paths};
+  const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+  const lines = [];
+  k.setLogLevel('info');
+  k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
+  const listening = async (n) => {
+    for (;;) {
+      const found = lines.filter((l) => l.includes('Debugger listening on'));
+      if (found.length >= n) return /ws:\\/\\/127\\.0\\.0\\.1:(\\d+)\\/(\\S+)$/.exec(found[n - 1]);
+      await sleep(10);
+    }
+  };
+  const finish = (result) => {
+    k.destroyKeshThreads();
+    console.log('RESULT' + JSON.stringify({ ...result, lines }));
+  };
+  const fail = (e) => { console.log('FAILED ' + e.stack); process.exit(1); };
+`;
+
+function result(r) {
+  const match = /RESULT(.*)\n/.exec(r.stdout);
+  assert.ok(match, `no result; status ${r.status} ${r.signal}\n${r.stdout}\n${r.stderr}`);
+  return JSON.parse(match[1]);
+}
+
+const idShape = /^00[0-9a-f]{2}00[0-9a-f]{2}-00[0-9a-f]{2}-40[0-9a-f]{2}-80[0-9a-f]{2}-00[0-9a-f]{2}00[0-9a-f]{2}00[0-9a-f]{2}$/;
+
+test('a DevTools client pauses at start, hits a breakpoint in a run function, reads a local', () => {
+  const r = scenario(`${prelude}
+    const CDP = require(P.cdp);
+    const WebSocket = require(P.ws);
+    k.createKeshThread(1, P.script, '{}');
+    k.initKeshInspector('127.0.0.1', 0);
+    const started = k.startKeshThread(1);
+    (async () => {
+      const [, port, id] = await listening(1);
+      const listUrl = 'http://127.0.0.1:' + port + '/json/list';
+      const list = await (await fetch(listUrl)).json();
+      const client = await CDP({ target: list[0].webSocketDebuggerUrl, local: true });
+      const second = await new Promise((resolve) => {
+        const ws = new WebSocket(list[0].webSocketDebuggerUrl);
+        ws.on('error', (e) => resolve(e.message));
+        ws.on('open', () => resolve('opened'));
+      });
+      const attachedList = await (await fetch(listUrl)).json();
+      const nextPause = () => new Promise((resolve) => client.once('Debugger.paused', resolve));
+      let pause = nextPause();
+      // Some clients send all of these before any answer; the run command releases the script.
+      await Promise.all([client.Runtime.enable(), client.Debugger.enable(),
+        client.Runtime.runIfWaitingForDebugger()]);
+      const atStart = await pause;
+      const { scriptId } = atStart.callFrames[0].location;
+      const breakpoint = await client.Debugger.setBreakpoint({ location: { scriptId, lineNumber: 3 } });
+      await client.Debugger.resume();
+      const start = await started;
+      pause = nextPause();
+      k.runFunctionFromScript(1, 'step', '{"page":"home"}');
+      const hit = await pause;
+      const frame = hit.callFrames[0].callFrameId;
+      const local = await client.Debugger.evaluateOnCallFrame({ callFrameId: frame, expression: 'local' });
+      const text = await client.Debugger.evaluateOnCallFrame({ callFrameId: frame,
+        expression: "'\\u00e9 \\u2713 \\ud83d\\ude00 ' + String.fromCharCode(0xd800)" });
+      await client.Debugger.resume();
+      await client.close();
+      await listening(2);
+      k.stopKeshThread(1);
+      finish({ id, list, second, attachedList, atStart: [atStart.reason, atStart.callFrames[0].location.lineNumber],
+        breakpoint: breakpoint.actualLocation.lineNumber, start, hit: hit.hitBreakpoints,
+        local: local.result.value, text: text.result.value });
+    })().catch(fail);`);
+  assert.strictEqual(r.status, 0, r.stderr);
+  const out = result(r);
+  assert.match(out.id, idShape);
+  assert.deepStrictEqual(out.list.map((t) => [t.id, t.title, t.type]), [[out.id, 'debugged.js', 'node']]);
+  assert.match(out.second, /Unexpected server response: 400/);
+  // While attached, the list still shows the target, without the addresses to attach.
+  assert.deepStrictEqual(Object.keys(out.attachedList[0]).sort(),
+    ['description', 'faviconUrl', 'id', 'title', 'type', 'url']);
+  assert.deepStrictEqual(out.atStart, ['Break on start', 0]);
+  assert.strictEqual(out.breakpoint, 3);
+  assert.strictEqual(out.start, 'Vuser [1] thread started');
+  assert.strictEqual(out.hit.length, 1);
+  assert.strictEqual(out.local, 'home!');
+  assert.strictEqual(out.text, 'é ✓ 😀 \ud800'); // V8 escapes a lone surrogate itself
+  assert.match(r.stdout, /main ran hi\n/);
+  assert.match(r.stderr, /^Debugger attached\.\n$/m);
+  // The ready line again once the client has left.
+  assert.strictEqual(out.lines.filter((l) => l.includes('Debugger listening on')).length, 2);
+});
+
+test("node's own debugger client: break on start, next, exec, cont, quit; then a stop while attached", () => {
+  const r = scenario(`${prelude}
+    const { spawn } = require('node:child_process');
+    k.createKeshThread(1, P.script, '{}');
+    k.initKeshInspector('127.0.0.1', 0);
+    const started = k.startKeshThread(1);
+    const inspect = (port) => {
+      const child = spawn(process.execPath, ['inspect', '127.0.0.1:' + port]);
+      const session = { child, out: '', exited: new Promise((r) => child.on('exit', r)) };
+      child.stdout.on('data', (d) => { session.out += d; });
+      session.until = async (pattern) => { while (!pattern.test(session.out)) await sleep(10); };
+      session.send = async (command, pattern) => {
+        const from = session.out.length;
+        child.stdin.write(command + '\\n');
+        while (!pattern.test(session.out.slice(from))) await sleep(10);
+      };
+      return session;
+    };
+    (async () => {
+      const [, port] = await listening(1);
+      const first = inspect(port);
+      await first.until(/Break on start in \\S*debugged\\.js:1\\n> 1 const greeting/);
+      await first.send('next', /break in \\S*debugged\\.js:6\\n[^]*> 6 console\\.log/);
+      await first.send('exec greeting.length + 40', /42/);
+      await first.send('cont', /debug> $/);
+      const start = await started;
+      first.child.stdin.write('.exit\\n');
+      await first.exited;
+      await listening(2);
+      // Attached again, and still attached when the Vuser stops: the stop ends the session.
+      const second = inspect(port);
+      await second.until(/ok\\n/);
+      await sleep(300);
+      k.stopKeshThread(1);
+      second.child.kill();
+      finish({ start, first: first.out });
+    })().catch(fail);`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const out = result(r);
+  assert.strictEqual(out.start, 'Vuser [1] thread started');
+  assert.match(r.stdout, /main ran hi\n/);
+  assert.strictEqual(r.stderr.match(/Debugger attached\.\n/g).length, 2);
+  assert.strictEqual(out.lines.filter((l) => l.includes('Debugger listening on')).length, 2);
+});
