@@ -159,3 +159,82 @@ test("node's own debugger client: break on start, next, exec, cont, quit; then a
   assert.strictEqual(r.stderr.match(/Debugger attached\.\n/g).length, 2);
   assert.strictEqual(out.lines.filter((l) => l.includes('Debugger listening on')).length, 2);
 });
+
+test('an endpoint that cannot start, a client leaving during a pause, bad text, a stop amid traffic', () => {
+  const r = scenario(`${prelude}
+    const CDP = require(P.cdp);
+    const WebSocket = require(P.ws);
+    const { spawn } = require('node:child_process');
+    (async () => {
+      // The port is taken: the script runs without a debugger.
+      const busy = require('node:net').createServer();
+      await new Promise((r) => busy.listen(0, '127.0.0.1', r));
+      k.createKeshThread(1, P.script, '{}');
+      k.initKeshInspector('127.0.0.1', busy.address().port);
+      const unattended = await k.startKeshThread(1);
+      k.stopKeshThread(1);
+      busy.close();
+      k.destroyKeshThreads();
+      await sleep(50); // the logger closes with the batch
+      k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
+
+      // A later Vuser of the same process gets a debugger of its own.
+      k.createKeshThread(2, P.script, '{}');
+      k.initKeshInspector('127.0.0.1', 0);
+      const started = k.startKeshThread(2);
+      const [, port, id] = await listening(1);
+      const url = 'ws://127.0.0.1:' + port + '/' + id;
+      const client = await CDP({ target: url, local: true });
+      const paused = new Promise((resolve) => client.once('Debugger.paused', resolve));
+      await Promise.all([client.Debugger.enable(), client.Runtime.runIfWaitingForDebugger()]);
+      await paused;
+      await client.close(); // leaves during the pause: the script goes on
+      const start = await started;
+      await listening(2);
+
+      // Not UTF-8: that message is dropped, the session lives on.
+      const ws = new WebSocket(url);
+      await new Promise((r) => ws.on('open', r));
+      const answer = new Promise((r) => ws.on('message', (m) => r(JSON.parse(m))));
+      ws.send(Buffer.from([0x7b, 0xc3, 0x28, 0x7d]), { binary: false });
+      ws.send(JSON.stringify({ id: 7, method: 'Runtime.evaluate', params: { expression: 'greeting' } }));
+      const evaluated = await answer;
+      ws.close();
+      await listening(3);
+
+      // A client in another process keeps sending while the Vuser stops. V8 answers the promise
+      // that never settles only when the session ends, after the endpoint's thread has gone:
+      // that answer has no receiver.
+      const flood = spawn(process.execPath, ['-e', \`
+        const ws = new (require(\${JSON.stringify(P.ws)}))(\${JSON.stringify(url)});
+        ws.on('message', (m) => { if (JSON.parse(m).id === 0) console.log('answered'); });
+        ws.on('open', () => {
+          let id = 1;
+          ws.send(JSON.stringify({ id: 0, method: 'Runtime.evaluate',
+            params: { expression: 'new Promise(() => {})', awaitPromise: true } }));
+          setInterval(() => {
+            for (let i = 0; i < 20; i++) ws.send(JSON.stringify({ id: id++, method: 'Runtime.evaluate', params: { expression: '6 * 7' } }));
+          }, 1);
+          console.log('flooding');
+        });
+        ws.on('close', () => process.exit(0));\`]);
+      let floodOut = '';
+      flood.stdout.on('data', (d) => { floodOut += d; });
+      while (!floodOut.includes('flooding')) await sleep(10);
+      await sleep(200);
+      k.stopKeshThread(2);
+      const floodExit = await new Promise((r) => flood.on('exit', r));
+      finish({ unattended, start, id, evaluated, floodExit, floodOut });
+    })().catch(fail);`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const out = result(r);
+  assert.strictEqual(out.unattended, 'Vuser [1] thread started');
+  assert.match(r.stderr, /^Starting inspector on 127\.0\.0\.1:\d+ failed: address already in use$/m);
+  assert.ok(out.lines.some((l) => /^Error KeshInspector - \(\d+\) Vuser \[1\] debugger endpoint 127\.0\.0\.1:\d+ did not start: the script runs without a debugger$/.test(l)));
+  assert.strictEqual(out.start, 'Vuser [2] thread started');
+  assert.match(out.id, idShape);
+  assert.strictEqual(r.stdout.match(/main ran hi\n/g).length, 2);
+  assert.match(r.stderr, /^Debugger message dropped: it is not valid UTF-8$/m);
+  assert.deepStrictEqual(out.evaluated, { id: 7, result: { result: { type: 'string', value: 'hi' } } });
+  assert.deepStrictEqual([out.floodExit, out.floodOut], [0, 'flooding\n']);
+});
