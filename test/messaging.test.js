@@ -114,10 +114,18 @@ test('the Vuser-side library: ids chosen for the script, promises, blocking and 
         pelmare.sendNoWait({ op: 'echo', data: 'ignored' });
         await pelmare.sleep(10);
         console.log('L async ' + a.data + b.data + ' ' + [a.messageId, b.messageId].join(','));
+        const seen = [];
+        const socket = await pelmare.openSocket('ws_lib', (line) => { seen.push(line.data); if (seen.length === 3) socket.release(); });
+        const waited = socket.wait(5000);
+        await pelmare.send({ op: 'socketPush', socketId: 'ws_lib', lines: ['x', 'y', 'z'], intervalMs: 5 });
+        await waited;
+        const timedOut = await socket.wait(10).then(() => 'no', (e) => 'timed out ' + e);
+        console.log('L socket ' + seen.join('') + ' ' + timedOut + ' ' + (await socket.close()));
       }`,
   }), 'uses-lib.js');
   const r = driveVuser(script, [['flow'], 150], { pelmare: true });
   assert.strictEqual(r.status, 0, r.stderr);
   assert.match(r.stdout, /L sync sync 1\n/);
   assert.match(r.stdout, /L async ab 2,3\n/);
+  assert.match(r.stdout, /L socket xyz timed out undefined closed by the script\n/);
 });

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "network/NetworkManager.h"
+#include "network/bareSockets.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
@@ -188,10 +189,20 @@ void ProcessNetworkMessages(ThreadComponent* tc) {
       std::lock_guard<std::mutex> lock(manager->pending_mutex_);
       manager->pending_messages_.erase(message->id);
     } else if (entry->type == InternalMessageType::kSocketMessage) {
-      KeshLogger::logf(LogLevel::kWarning, kComponent, tc->vuser_id_,
-                       "No callback found for socket message for ws_id: % : % (probably because "
-                       "socket was already closed when message was received)\n",
-                       message->socket_id, message->response);
+      auto found = tc->bare_sockets_.find(message->socket_id);
+      if (found != tc->bare_sockets_.end()) {
+        // A socket line that is no JSON reaches the callback as its text.
+        v8::Local<v8::String> text = ToV8String(isolate, message->response);
+        v8::Local<v8::Value> parsed;
+        if (!v8::JSON::Parse(context, text).ToLocal(&parsed)) parsed = text;
+        callback = makeAsyncCallback(
+            isolate, v8::Local<v8::Function>::New(isolate, found->second->callback_), parsed);
+      } else {
+        KeshLogger::logf(LogLevel::kWarning, kComponent, tc->vuser_id_,
+                         "No callback found for socket message for ws_id: % : % (probably because "
+                         "socket was already closed when message was received)\n",
+                         message->socket_id, message->response);
+      }
     } else {
       throw std::runtime_error("Encountered unknown network message: ");
     }
