@@ -89,21 +89,6 @@ bool queueSettle(v8::Isolate* isolate, v8::Local<v8::Value> id, bool reject,
   return true;
 }
 
-// The common frame of the script-side functions: bracket, scope, and a TryCatch whose catch is
-// passed on to the calling script.
-template <typename Body>
-void scriptEntry(const v8::FunctionCallbackInfo<v8::Value>& info, Body body) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    v8::TryCatch tryCatch(isolate);
-    body(isolate);
-    if (tryCatch.HasCaught()) tryCatch.ReThrow();
-  }
-  isolateLeave(isolate);
-}
-
 void fail(v8::Isolate* isolate, const std::string& text) {
   LogAndThrowError(isolate, kComponent, text);
 }
