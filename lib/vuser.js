@@ -57,6 +57,39 @@ module.exports = {
     _clearResponsePendingMessages();
   },
 
+  // Opens a socket that the service holds for this script. `onMessage` gets each of its lines,
+  // parsed, or as text when it is no JSON. The service's close line closes it here too.
+  async openSocket(socketId, onMessage) {
+    const closed = _registerNewBareSocket(socketId, (line) => {
+      if (line !== null && typeof line === 'object' && line.event === 'close') {
+        _disconnectBareSocket(socketId, line);
+      } else {
+        onMessage(line);
+      }
+    });
+    const answer = await module.exports.send({ op: 'socketOpen', socketId });
+    if (answer && answer.error) {
+      _unRegisterNewBareSocket(socketId);
+      throw new Error(`cannot open socket ${socketId}: ${answer.error}`);
+    }
+    return {
+      id: socketId,
+      // Settled once the socket has closed, with what closed it.
+      closed,
+      // Resolves when release() is called, rejects with undefined after `timeoutMs` (negative:
+      // no time-out). One wait at a time.
+      wait: (timeoutMs) => _newWebSocketBarrier(socketId, timeoutMs),
+      release: (error) => _stopBareSocket(socketId, error !== undefined, error),
+      waitForClose: (timeoutMs = -1) => _waitForBareSocketClosure(socketId, timeoutMs),
+      async close() {
+        await module.exports.send({ op: 'socketClose', socketId });
+        const value = await _disconnectBareSocket(socketId, 'closed by the script');
+        _unRegisterNewBareSocket(socketId);
+        return value;
+      },
+    };
+  },
+
   // A promise resolved after `ms` milliseconds, on the Vuser's own timers.
   sleep(ms) {
     return _waitForTimer(_setTimer(false, () => {}, ms));

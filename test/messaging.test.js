@@ -2,7 +2,7 @@
 const test = require('node:test');
 const assert = require('node:assert');
 const path = require('node:path');
-const { scriptDir, driveVuser } = require('./helpers');
+const { scenario, scriptDir, driveVuser } = require('./helpers');
 
 const common = `
   const req = (id, op, extra = {}) => JSON.stringify({ messageId: id, op, ...extra }) + '\\n';
@@ -114,10 +114,44 @@ test('the Vuser-side library: ids chosen for the script, promises, blocking and 
         pelmare.sendNoWait({ op: 'echo', data: 'ignored' });
         await pelmare.sleep(10);
         console.log('L async ' + a.data + b.data + ' ' + [a.messageId, b.messageId].join(','));
+        const seen = [];
+        const socket = await pelmare.openSocket('ws_lib', (line) => { seen.push(line.data); if (seen.length === 3) socket.release(); });
+        const waited = socket.wait(5000);
+        await pelmare.send({ op: 'socketPush', socketId: 'ws_lib', lines: ['x', 'y', 'z'], intervalMs: 5 });
+        await waited;
+        const timedOut = await socket.wait(10).then(() => 'no', (e) => 'timed out ' + e);
+        console.log('L socket ' + seen.join('') + ' ' + timedOut + ' ' + (await socket.close()));
       }`,
   }), 'uses-lib.js');
   const r = driveVuser(script, [['flow'], 150], { pelmare: true });
   assert.strictEqual(r.status, 0, r.stderr);
   assert.match(r.stdout, /L sync sync 1\n/);
   assert.match(r.stdout, /L async ab 2,3\n/);
+  assert.match(r.stdout, /L socket xyz timed out undefined closed by the script\n/);
+});
+
+test('a refused connection keeps the script waiting until the Vuser is stopped, without a hang', () => {
+  const script = path.join(scriptDir({
+    'refused.js': `_initNetworking(args.port, '127.0.0.1'); console.log('R returned');`,
+  }), 'refused.js');
+  const r = scenario(`
+    const lines = [];
+    k.onLogMessage((l) => lines.push(l));
+    const server = require('net').createServer().listen(0, '127.0.0.1', () => {
+      const port = server.address().port;
+      server.close(() => {
+        k.createKeshThread(1, ${JSON.stringify(script)}, JSON.stringify({ port }));
+        let settled = 'pending';
+        k.startKeshThread(1).then((v) => { settled = v; });
+        setTimeout(() => {
+          console.log('R before stop ' + settled);
+          k.stopKeshThread(1);
+          setTimeout(() => { k.destroyKeshThreads(); console.log('R ' + lines.filter((l) => /Pelmare/.test(l)).join('|')); }, 50);
+        }, 300);
+      });
+    });`);
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.match(r.stdout, /R before stop pending\n/);
+  assert.match(r.stdout, /R returned\n/);
+  assert.match(r.stdout, /failed connecting to Pelmare: connection refused/);
 });

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "network/bareSockets.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
@@ -108,6 +109,8 @@ void NetworkManager::releaseScriptValues() {
     thread_component_->network_queue_.clear();
   }
   sync_failure_.Reset();
+  // Their destructors close the sockets' timers and release their script values.
+  thread_component_->bare_sockets_.clear();
 }
 
 std::shared_ptr<NetworkMessage> makeMessage(int32_t id, const char* payload, bool is_sync) {
@@ -198,6 +201,7 @@ void InstallNetworkFunctions(ThreadComponent* component, v8::Local<v8::Object> t
     RegisterFunction(isolate, target, "_send", Send);
     RegisterFunction(isolate, target, "_sendSync", SendSync);
     RegisterFunction(isolate, target, "_sendSyncNoWait", SendSyncNoWait);
+    InstallBareSocketFunctions(isolate, target);
   }
   isolateLeave(isolate);
 }

@@ -88,6 +88,14 @@ inline constexpr const char kNotConnected[] =
 // The manager of the Vuser thread that runs this code.
 NetworkManager* currentNetworkManager();
 
+// Reads the message id and the payload of a sending function; false, with the error logged and
+// thrown, when either cannot be read.
+bool readIdAndPayload(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::Value>& info,
+                      v8::TryCatch& tryCatch, const char* payloadError, int32_t* id,
+                      std::string* payload);
+// Throws the refusal and answers true when there is no connection to write to.
+bool refuseWithoutConnection(v8::Isolate* isolate, NetworkManager* manager, const char* function);
+
 std::shared_ptr<NetworkMessage> makeMessage(int32_t id, const char* payload, bool is_sync);
 
 void InstallNetworkFunctions(ThreadComponent* component, v8::Local<v8::Object> target);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "network/NetworkManager.h"
+#include "network/bareSockets.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
@@ -56,6 +57,24 @@ void send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& me
   }
 }
 
+bool readIdAndPayload(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::Value>& info,
+                      v8::TryCatch& tryCatch, const char* payloadError, int32_t* id,
+                      std::string* payload) {
+  v8::Maybe<int64_t> number = info[0]->IntegerValue(isolate->GetCurrentContext());
+  v8::String::Utf8Value text(isolate, info[1]);
+  const char* failure = number.IsNothing() ? "The message id is not a invalid number"
+                        : *text == nullptr ? payloadError
+                                           : nullptr;
+  if (failure != nullptr) {
+    tryCatch.Reset();
+    LogAndThrowError(isolate, kComponent, failure);
+    return false;
+  }
+  *id = static_cast<int32_t>(number.FromJust());
+  *payload = *text;  // the payload ends at its first NUL
+  return true;
+}
+
 // The check every sending function makes first: without a connection a write has no stream,
 // and a waiting call would never be answered.
 bool refuseWithoutConnection(v8::Isolate* isolate, NetworkManager* manager, const char* function) {
@@ -71,19 +90,16 @@ void Send(const v8::FunctionCallbackInfo<v8::Value>& info) {
     v8::HandleScope scope(isolate);
     v8::TryCatch tryCatch(isolate);
     NetworkManager* manager = currentNetworkManager();
-    v8::Maybe<int64_t> id = info[0]->IntegerValue(isolate->GetCurrentContext());
-    v8::String::Utf8Value payload(isolate, info[1]);
-    if (id.IsNothing()) {
-      tryCatch.Reset();
-      LogAndThrowError(isolate, kComponent, "The message id is not a invalid number");
-    } else if (*payload == nullptr) {
-      tryCatch.Reset();
-      LogAndThrowError(isolate, kComponent, "Couldn't convert the message payload to string");
+    int32_t id = 0;
+    std::string payload;
+    if (!readIdAndPayload(isolate, info, tryCatch, "Couldn't convert the message payload to string",
+                          &id, &payload)) {
+      // thrown
     } else if (!info[2]->IsFunction()) {
       // The answer would find nothing it could call.
       LogAndThrowError(isolate, kComponent, "_send: the callback must be a function");
     } else if (!refuseWithoutConnection(isolate, manager, "_send")) {
-      auto message = makeMessage(static_cast<int32_t>(id.FromJust()), *payload, false);
+      auto message = makeMessage(id, payload.c_str(), false);
       message->callback.Reset(isolate, info[2].As<v8::Function>());
       {
         std::lock_guard<std::mutex> lock(manager->pending_mutex_);
@@ -188,10 +204,20 @@ void ProcessNetworkMessages(ThreadComponent* tc) {
       std::lock_guard<std::mutex> lock(manager->pending_mutex_);
       manager->pending_messages_.erase(message->id);
     } else if (entry->type == InternalMessageType::kSocketMessage) {
-      KeshLogger::logf(LogLevel::kWarning, kComponent, tc->vuser_id_,
-                       "No callback found for socket message for ws_id: % : % (probably because "
-                       "socket was already closed when message was received)\n",
-                       message->socket_id, message->response);
+      auto found = tc->bare_sockets_.find(message->socket_id);
+      if (found != tc->bare_sockets_.end()) {
+        // A socket line that is no JSON reaches the callback as its text.
+        v8::Local<v8::String> text = ToV8String(isolate, message->response);
+        v8::Local<v8::Value> parsed;
+        if (!v8::JSON::Parse(context, text).ToLocal(&parsed)) parsed = text;
+        callback = makeAsyncCallback(
+            isolate, v8::Local<v8::Function>::New(isolate, found->second->callback_), parsed);
+      } else {
+        KeshLogger::logf(LogLevel::kWarning, kComponent, tc->vuser_id_,
+                         "No callback found for socket message for ws_id: % : % (probably because "
+                         "socket was already closed when message was received)\n",
+                         message->socket_id, message->response);
+      }
     } else {
       throw std::runtime_error("Encountered unknown network message: ");
     }

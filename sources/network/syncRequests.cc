@@ -11,8 +11,6 @@
 
 namespace kesh {
 
-bool refuseWithoutConnection(v8::Isolate* isolate, NetworkManager* manager, const char* function);
-
 namespace {
 
 constexpr const char* kComponent = component::kNetworkManager;
@@ -75,16 +73,13 @@ void SendSync(const v8::FunctionCallbackInfo<v8::Value>& info) {
     v8::TryCatch tryCatch(isolate);
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     NetworkManager* manager = currentNetworkManager();
-    v8::Maybe<int64_t> id = info[0]->IntegerValue(context);
-    v8::String::Utf8Value payload(isolate, info[1]);
-    if (id.IsNothing()) {
-      tryCatch.Reset();
-      LogAndThrowError(isolate, kComponent, "The message id is not a invalid number");
-    } else if (*payload == nullptr) {
-      tryCatch.Reset();
-      LogAndThrowError(isolate, kComponent, "Couldn't convert SendSync message payload to string");
+    int32_t id = 0;
+    std::string payload;
+    if (!readIdAndPayload(isolate, info, tryCatch,
+                          "Couldn't convert SendSync message payload to string", &id, &payload)) {
+      // thrown
     } else if (!refuseWithoutConnection(isolate, manager, "_sendSync")) {
-      auto message = makeMessage(static_cast<int32_t>(id.FromJust()), *payload, true);
+      auto message = makeMessage(id, payload.c_str(), true);
       try {
         SendSyncEventLoopRunner(manager, message);
         if (!manager->sync_failure_.IsEmpty()) {

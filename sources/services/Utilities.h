@@ -13,6 +13,21 @@ namespace kesh {
 void isolateEnter(v8::Isolate* isolate);
 void isolateLeave(v8::Isolate* isolate);
 
+// The frame of a script-callable native function: the isolate bracket, a handle scope, and a
+// TryCatch whose catch is passed on to the calling script.
+template <typename Body>
+void scriptEntry(const v8::FunctionCallbackInfo<v8::Value>& info, Body body) {
+  v8::Isolate* isolate = info.GetIsolate();
+  isolateEnter(isolate);
+  {
+    v8::HandleScope scope(isolate);
+    v8::TryCatch tryCatch(isolate);
+    body(isolate);
+    if (tryCatch.HasCaught()) tryCatch.ReThrow();
+  }
+  isolateLeave(isolate);
+}
+
 enum class StringType : int { kNormal = 0, kInternalized = 1 };
 
 // Never empty: on failure the empty string comes back with a JavaScript exception pending.

@@ -130,11 +130,7 @@ TimerHandle* findTimer(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::
 }
 
 void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    v8::TryCatch tryCatch(isolate);
+  scriptEntry(info, [&info](v8::Isolate* isolate) {
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     ThreadComponent* tc = componentOf(isolate);
     bool repeat = info[0]->BooleanValue(isolate);
@@ -145,55 +141,49 @@ void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
       static const char kText[] = "_setTimer: the callback must be a function";
       KeshLogger::log(LogLevel::kError, kComponent, kText);
       isolate->ThrowException(v8::Exception::TypeError(ToV8String(isolate, kText)));
-      tryCatch.ReThrow();
-    } else if (!info[2]->ToInteger(context).ToLocal(&timeout) ||
-               !v8::Promise::Resolver::New(context).ToLocal(&resolver)) {
-      tryCatch.ReThrow();
-    } else {
-      // NaN reads as 0, and a negative time-out fires at once rather than never.
-      uint64_t ms = timeout->Value() > 0 ? static_cast<uint64_t>(timeout->Value()) : 0;
-      auto id = static_cast<uint32_t>(tc->next_timer_id_);
-      tc->next_timer_id_ = static_cast<int32_t>(id + 1);
-      auto handle = std::make_shared<TimerHandle>();
-      handle->timer_ = static_cast<uv_timer_t*>(calloc(1, sizeof(uv_timer_t)));
-      handle->callback_.Reset(isolate, info[1].As<v8::Function>());
-      handle->extra_.Reset(isolate, info[3]);
-      handle->resolver_.Reset(isolate, resolver);
-      handle->isolate_ = isolate;
-      handle->id_ = id;
-      uv_timer_init(tc->loop_, handle->timer_);
-      handle->timer_->data = handle.get();
-      uv_timer_start(handle->timer_, onTimerFired, ms, repeat ? ms : 0);
-      uv_unref(reinterpret_cast<uv_handle_t*>(handle->timer_));
-      tc->timers_[static_cast<int32_t>(id)] = std::move(handle);
-      info.GetReturnValue().Set(v8::Integer::NewFromUnsigned(isolate, id));
+      return;
     }
-  }
-  isolateLeave(isolate);
+    if (!info[2]->ToInteger(context).ToLocal(&timeout) ||
+        !v8::Promise::Resolver::New(context).ToLocal(&resolver)) {
+      return;
+    }
+    // NaN reads as 0, and a negative time-out fires at once rather than never.
+    uint64_t ms = timeout->Value() > 0 ? static_cast<uint64_t>(timeout->Value()) : 0;
+    auto id = static_cast<uint32_t>(tc->next_timer_id_);
+    tc->next_timer_id_ = static_cast<int32_t>(id + 1);
+    auto handle = std::make_shared<TimerHandle>();
+    handle->timer_ = static_cast<uv_timer_t*>(calloc(1, sizeof(uv_timer_t)));
+    handle->callback_.Reset(isolate, info[1].As<v8::Function>());
+    handle->extra_.Reset(isolate, info[3]);
+    handle->resolver_.Reset(isolate, resolver);
+    handle->isolate_ = isolate;
+    handle->id_ = id;
+    uv_timer_init(tc->loop_, handle->timer_);
+    handle->timer_->data = handle.get();
+    uv_timer_start(handle->timer_, onTimerFired, ms, repeat ? ms : 0);
+    uv_unref(reinterpret_cast<uv_handle_t*>(handle->timer_));
+    tc->timers_[static_cast<int32_t>(id)] = std::move(handle);
+    info.GetReturnValue().Set(v8::Integer::NewFromUnsigned(isolate, id));
+  });
 }
 
 void ClearTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    v8::TryCatch tryCatch(isolate);
+  scriptEntry(info, [&info](v8::Isolate* isolate) {
     int64_t id = 0;
     TimerHandle* handle = findTimer(isolate, info, "_clearTimer", &id);
-    if (handle != nullptr && handle->timer_ != nullptr) uv_timer_stop(handle->timer_);
-    if (handle != nullptr && handle->resolver_.IsEmpty()) {
+    if (handle == nullptr) return;
+    if (handle->timer_ != nullptr) uv_timer_stop(handle->timer_);
+    if (handle->resolver_.IsEmpty()) {
       LogAndThrowError(isolate, kComponent,
                        "timer [" + std::to_string(id) + "] is already stopped");
-    } else if (handle != nullptr) {
-      ThreadComponent* tc = componentOf(isolate);
-      std::lock_guard<std::mutex> lock(tc->async_callbacks_mutex_);
-      if (AsyncCallbackEntry settle = makeSettleCallback(isolate, handle->id_)) {
-        tc->async_callbacks_.push_back(std::move(settle));
-      }
+      return;
     }
-    if (tryCatch.HasCaught()) tryCatch.ReThrow();
-  }
-  isolateLeave(isolate);
+    ThreadComponent* tc = componentOf(isolate);
+    std::lock_guard<std::mutex> lock(tc->async_callbacks_mutex_);
+    if (AsyncCallbackEntry settle = makeSettleCallback(isolate, handle->id_)) {
+      tc->async_callbacks_.push_back(std::move(settle));
+    }
+  });
 }
 
 void ClearTimers(const v8::FunctionCallbackInfo<v8::Value>& info) {
@@ -204,21 +194,14 @@ void ClearTimers(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void WaitForTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    v8::TryCatch tryCatch(isolate);
+  scriptEntry(info, [&info](v8::Isolate* isolate) {
     int64_t id = 0;
     TimerHandle* handle = findTimer(isolate, info, "_waitForTimer", &id);
-    if (handle == nullptr) {
-      tryCatch.ReThrow();
-    } else if (!handle->resolver_.IsEmpty()) {
+    if (handle != nullptr && !handle->resolver_.IsEmpty()) {
       info.GetReturnValue().Set(
           v8::Local<v8::Promise::Resolver>::New(isolate, handle->resolver_)->GetPromise());
     }
-  }
-  isolateLeave(isolate);
+  });
 }
 
 }  // namespace

@@ -27,20 +27,6 @@ std::string rejectionText(v8::Isolate* isolate, v8::Local<v8::Value> promise) {
   return utf8Text(isolate, v8::Exception::CreateMessage(isolate, reason)->Get());
 }
 
-// The common frame of the script-side functions: the isolate bracket, a handle scope, a
-// TryCatch that passes a thrown error on to the script.
-template <typename Body>
-void scriptEntry(const v8::FunctionCallbackInfo<v8::Value>& info, Body body) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    v8::TryCatch tryCatch(isolate);
-    body(isolate, tryCatch);
-  }
-  isolateLeave(isolate);
-}
-
 ThreadComponent* componentOrExit(v8::Isolate* isolate) {
   ThreadComponent* tc = componentOf(isolate);
   if (tc == nullptr) {
@@ -51,11 +37,10 @@ ThreadComponent* componentOrExit(v8::Isolate* isolate) {
 }
 
 void ClearPendingRunFunctions(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [](v8::Isolate* isolate, v8::TryCatch& tryCatch) {
+  scriptEntry(info, [](v8::Isolate* isolate) {
     ThreadComponent* tc = componentOf(isolate);
     if (tc == nullptr) {
       LogAndThrowError(isolate, kComponent, "Internal error: no Vuser instance tied to isolate");
-      tryCatch.ReThrow();
       return;
     }
     KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_, "clearing functions pending run");
@@ -64,13 +49,12 @@ void ClearPendingRunFunctions(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void RunPendingAsyncCallbacks(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [](v8::Isolate* isolate, v8::TryCatch&) {
-    runAsyncCallbacks(componentOrExit(isolate), true);
-  });
+  scriptEntry(info,
+              [](v8::Isolate* isolate) { runAsyncCallbacks(componentOrExit(isolate), true); });
 }
 
 void DisableRunningAsyncCallbacks(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [](v8::Isolate* isolate, v8::TryCatch&) {
+  scriptEntry(info, [](v8::Isolate* isolate) {
     ThreadComponent* tc = componentOrExit(isolate);
     if (uv_is_active(reinterpret_cast<uv_handle_t*>(&tc->async_callbacks_prepare_))) {
       uv_prepare_stop(&tc->async_callbacks_prepare_);
@@ -79,7 +63,7 @@ void DisableRunningAsyncCallbacks(const v8::FunctionCallbackInfo<v8::Value>& inf
 }
 
 void EnableRunningAsyncCallbacks(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [](v8::Isolate* isolate, v8::TryCatch&) {
+  scriptEntry(info, [](v8::Isolate* isolate) {
     ThreadComponent* tc = componentOrExit(isolate);
     // A stopping Vuser has stopped its hook for good.
     if (tc->thread_stopping_.load()) return;
@@ -89,17 +73,15 @@ void EnableRunningAsyncCallbacks(const v8::FunctionCallbackInfo<v8::Value>& info
 }
 
 void RunTimeLimitedGc(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate, v8::TryCatch& tryCatch) {
+  scriptEntry(info, [&info](v8::Isolate* isolate) {
     v8::Local<v8::Integer> deadline;
     if (!info[0]->ToInteger(isolate->GetCurrentContext()).ToLocal(&deadline)) {
       LogAndThrowError(isolate, kComponent, "The first argument is not a invalid number");
-      tryCatch.ReThrow();
       return;
     }
     ThreadComponent* tc = componentOf(isolate);
     if (tc == nullptr) {
       LogAndThrowError(isolate, kComponent, "Internal error: no Vuser instance tied to isolate");
-      tryCatch.ReThrow();
       return;
     }
     KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_, "running GC");

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "services/fileRecord.h"
 
@@ -21,6 +22,7 @@ namespace kesh {
 struct KeshThread;
 struct TimerHandle;
 struct NetworkQueueEntry;
+struct BareSocket;
 
 // One queued script call, made on the Vuser thread where a script may run.
 struct AsyncCallback {
@@ -62,6 +64,7 @@ struct ThreadComponent {
   int32_t next_timer_id_ = 0;
   std::mutex network_queue_mutex_;
   std::deque<std::shared_ptr<NetworkQueueEntry>> network_queue_;
+  std::unordered_map<std::string, std::shared_ptr<BareSocket>> bare_sockets_;
   node::MultiIsolatePlatform* platform_ = nullptr;
   node::IsolateData* isolate_data_ = nullptr;
   node::Environment* environment_ = nullptr;
