@@ -233,6 +233,7 @@ void StopKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
             uv_async_send(&thread->thread_component_->thread_stop_hook_));
   }
   if (!thread->joined_) {
+    thread->thread_component_->stop_requested_.store(true);
     thread->thread_.join();
     thread->joined_ = true;
   }

@@ -238,3 +238,33 @@ test('an endpoint that cannot start, a client leaving during a pause, bad text, 
   assert.deepStrictEqual(out.evaluated, { id: 7, result: { result: { type: 'string', value: 'hi' } } });
   assert.deepStrictEqual([out.floodExit, out.floodOut], [0, 'flooding\n']);
 });
+
+test('a stop lets go of a Vuser held by its debugger: waiting for the client, or paused at exit', () => {
+  const waiting = scenario(`${prelude}
+    k.createKeshThread(1, P.script, '{}');
+    k.initKeshInspector('127.0.0.1', 0);
+    k.startKeshThread(1);
+    listening(1).then(() => { k.stopKeshThread(1); finish({ stopped: true }); }, fail);`);
+  assert.strictEqual(waiting.status, 0, waiting.stderr);
+  assert.ok(result(waiting).stopped);
+  assert.match(waiting.stdout, /main ran hi/);
+
+  const paused = scenario(`${prelude}
+    const CDP = require(P.cdp);
+    k.createKeshThread(1, P.script, '{}');
+    k.initKeshInspector('127.0.0.1', 0);
+    k.startKeshThread(1);
+    (async () => {
+      const [, port] = await listening(1);
+      const list = await (await fetch('http://127.0.0.1:' + port + '/json/list')).json();
+      const client = await CDP({ target: list[0].webSocketDebuggerUrl, local: true });
+      const pausedEvent = client.Debugger.paused();
+      await client.Debugger.enable();
+      await client.Runtime.runIfWaitingForDebugger();
+      await pausedEvent;
+      console.log('PAUSED');
+      process.exit(0); // the exit-time stop must end the paused Vuser
+    })().catch(fail);`);
+  assert.strictEqual(paused.status, 0, paused.stderr);
+  assert.match(paused.stdout, /PAUSED/);
+});

@@ -1,5 +1,6 @@
 #include "inspector/inspectorIO.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -47,11 +48,20 @@ int closeAsyncAndLoop(uv_async_t* async) {
   return uv_loop_close(async->loop);
 }
 
+thread_local const std::atomic<bool>* stop_request = nullptr;
+
+bool stopRequested() { return stop_request != nullptr && stop_request->load(); }
+
+// How often a wait on the client looks at the stop flag.
+constexpr std::chrono::milliseconds kStopPoll{100};
+
 }  // namespace
+
+void setStopRequestFlag(const std::atomic<bool>* flag) { stop_request = flag; }
 
 bool IoSessionDelegate::WaitForFrontendMessage() {
   io_->WaitForFrontendMessage();
-  return true;
+  return !stopRequested();
 }
 
 void IoSessionDelegate::SendMessageToFrontend(const v8_inspector::StringView& message) {
@@ -154,8 +164,10 @@ bool InspectorIo::Start() {
       bool released;
       {
         std::unique_lock<std::mutex> lock(state_lock_);
-        incoming_cond_.wait(lock, [this] { return run_requested_ || !incoming_queue_.empty(); });
-        released = run_requested_;
+        incoming_cond_.wait_for(lock, kStopPoll, [this] {
+          return run_requested_ || !incoming_queue_.empty() || stopRequested();
+        });
+        released = run_requested_ || stopRequested();
       }
       DispatchMessages();
       if (released) break;
@@ -288,7 +300,8 @@ void InspectorIo::WaitForFrontendMessage() {
   // The pause may sit inside a dispatch further up the stack; messages must still get through.
   dispatching_messages_ = false;
   std::unique_lock<std::mutex> lock(state_lock_);
-  if (incoming_queue_.empty()) incoming_cond_.wait(lock);
+  incoming_cond_.wait_for(lock, kStopPoll,
+                          [this] { return !incoming_queue_.empty() || stopRequested(); });
 }
 
 void InspectorIo::Write(TransportAction action, int32_t session_id,

@@ -26,6 +26,10 @@ namespace kesh {
 class Agent;
 class InspectorIo;
 
+// Set on a Vuser thread to the flag that its stop raises. A Vuser held by its debugger (waiting
+// for the run command, or paused) lets go once the flag is up, so that a stop always ends.
+void setStopRequestFlag(const std::atomic<bool>* flag);
+
 // From the IO thread to the Vuser thread.
 enum class InspectorAction { kStartSession, kEndSession, kSendMessage };
 // From the Vuser thread to the IO thread.

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "inspector/inspectorAgent.h"
+#include "inspector/inspectorIO.h"
 #include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
 #include "services/Require.h"
@@ -120,6 +121,7 @@ void KeshThread::threadMain() {
       isolate->SetCaptureStackTraceForUncaughtExceptions(true, 10, v8::StackTrace::kDetailed);
       installGlobals(tc);
       if (inspector_enabled_) {
+        setStopRequestFlag(&tc->stop_requested_);
         inspector_agent_ = StartInspectorAgent(tc, inspector_host_, inspector_port_);
       }
 

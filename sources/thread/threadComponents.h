@@ -56,6 +56,8 @@ struct ThreadComponent {
   v8::Persistent<v8::Script> script_;
   v8::Persistent<v8::Value> script_result_;
   std::atomic<bool> thread_stopping_{false};
+  // Raised by the main thread's stop before it waits for the thread.
+  std::atomic<bool> stop_requested_{false};
   std::atomic<bool> sync_request_active_{false};
   uv_async_t loop_stop_hook_{};
   std::mutex async_callbacks_mutex_;
