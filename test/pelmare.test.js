@@ -1,4 +1,6 @@
 'use strict';
+// Bytes, pieces and socket lines are checked through the add-on in messaging and bare-socket tests;
+// here what no Vuser test reaches: split requests, many, close, bad input, the command line.
 const test = require('node:test');
 const assert = require('node:assert');
 const net = require('node:net');
@@ -66,24 +68,6 @@ it('requests are reassembled from any split; echo, delay, many and silent answer
     assert.strictEqual(c.text().split('\n').length, 5, 'nothing answers the silent request');
   }));
 
-it('badLine and raw write exactly the bytes asked, in pieces when asked', () =>
-  withService(async (service) => {
-    const c = await client(service.port);
-    const long = 'y'.repeat(6000);
-    c.send({ messageId: 1, op: 'badLine', line: 'not json' }, { messageId: 2, op: 'badLine', line: '' },
-      { messageId: 3, op: 'badLine', line: '{"messageId":4294967296,"socketId":"","responseType":0}', data: 'done' });
-    await c.lines(4);
-    const reads = c.reads;
-    c.send({ messageId: 4, op: 'raw', text: 'ä\n{"a":1}', chunk: 1, intervalMs: 10, data: 0 });
-    await c.lines(6);
-    assert.ok(c.reads - reads >= 3, `raw pieces arrived in ${c.reads - reads} reads`);
-    c.send({ messageId: 5, op: 'raw', text: `${long}\n` });
-    await waitFor(() => c.text().endsWith(`${long}\n`));
-    assert.strictEqual(c.text(), 'not json\n\n{"messageId":4294967296,"socketId":"","responseType":0}\n' +
-      '{"messageId":3,"socketId":"","responseType":0,"op":"badLine","data":"done"}\n' +
-      `ä\n{"a":1}{"messageId":4,"socketId":"","responseType":0,"op":"raw","data":0}\n${long}\n`);
-  }));
-
 it('close ends the connection, answering first when the request has data', () =>
   withService(async (service) => {
     const [a, b] = await Promise.all([client(service.port), client(service.port)]);
@@ -92,32 +76,6 @@ it('close ends the connection, answering first when the request has data', () =>
     await waitFor(() => a.ended && b.ended && service.connections() === 0);
     assert.strictEqual(a.text(), '{"messageId":1,"socketId":"","responseType":0,"op":"close","data":"bye"}\n');
     assert.strictEqual(b.text(), '');
-  }));
-
-it('bare socket lines follow their answer, in order, and stop at socketClose', () =>
-  withService(async (service) => {
-    const c = await client(service.port);
-    c.send({ messageId: 1, op: 'socketOpen', socketId: '-ws_1' },
-      { messageId: 2, op: 'socketPush', socketId: '-ws_1', lines: [{ a: 1 }, 'two'], rawLines: ['plain'], count: 4 },
-      { messageId: 3, op: 'socketPush', socketId: '-ws_1', lines: [0], count: 100, intervalMs: 20 });
-    assert.deepStrictEqual(await c.lines(8), [
-      '{"messageId":1,"socketId":"","responseType":0,"op":"socketOpen","data":{"socketId":"-ws_1"}}',
-      '{"messageId":2,"socketId":"","responseType":0,"op":"socketPush","data":null}',
-      '{"messageId":-1,"socketId":"-ws_1","responseType":1,"seq":0,"data":{"a":1}}',
-      '{"messageId":-1,"socketId":"-ws_1","responseType":1,"seq":1,"data":"two"}',
-      'plain',
-      '{"messageId":-1,"socketId":"-ws_1","responseType":1,"seq":3,"data":{"a":1}}',
-      '{"messageId":3,"socketId":"","responseType":0,"op":"socketPush","data":null}',
-      '{"messageId":-1,"socketId":"-ws_1","responseType":1,"seq":0,"data":0}',
-    ]);
-    c.send({ messageId: 4, op: 'socketClose', socketId: '-ws_1' },
-      { messageId: 5, op: 'socketPush', socketId: '-ws_1', lines: [1] }, { messageId: 6, op: 'socketOpen', socketId: 'a b' });
-    await waitFor(() => c.text().includes('"messageId":6'), c.text);
-    await sleep(60);
-    const tail = c.text().trim().split('\n').slice(-4);
-    assert.deepStrictEqual(tail.slice(0, 2), ['{"messageId":4,"socketId":"","responseType":0,"op":"socketClose","data":null}',
-      '{"messageId":-1,"socketId":"-ws_1","responseType":1,"event":"close"}']);
-    assert.deepStrictEqual(tail.slice(2).map((l) => [JSON.parse(l).messageId, typeof JSON.parse(l).error]), [[5, 'string'], [6, 'string']]);
   }));
 
 it('garbage lines, bad requests and dropped clients leave the service serving', () =>
