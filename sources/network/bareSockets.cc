@@ -19,20 +19,6 @@ namespace {
 constexpr const char* kComponent = component::kNetworkManager;
 constexpr const char kNoSocket[] = "Internal error: cannot find promise pair for websocket id";
 
-ThreadComponent* componentOf(v8::Isolate* isolate) {
-  return static_cast<ThreadComponent*>(isolate->GetData(0));
-}
-
-void freeTimer(uv_handle_t* handle) { free(handle); }
-
-// Stops and closes a timer of a record; its memory goes in the close callback.
-void closeTimer(uv_timer_t* timer) {
-  auto* handle = reinterpret_cast<uv_handle_t*>(timer);
-  if (uv_is_closing(handle)) return;
-  if (uv_is_active(handle)) uv_timer_stop(timer);
-  uv_close(handle, freeTimer);
-}
-
 uv_timer_t* makeTimer(uv_loop_t* loop, BareSocket* owner) {
   auto* timer = static_cast<uv_timer_t*>(calloc(1, sizeof(uv_timer_t)));
   uv_timer_init(loop, timer);
@@ -325,8 +311,8 @@ BareSocket::BareSocket(uv_loop_t* loop, std::string id, v8::Local<v8::Function> 
 BareSocket::~BareSocket() {
   closure_resolver_.Reset();
   barrier_resolver_.Reset();
-  if (closure_timer_ != nullptr) closeTimer(closure_timer_);
-  if (barrier_timer_ != nullptr) closeTimer(barrier_timer_);
+  if (closure_timer_ != nullptr) closeHeapTimer(closure_timer_);
+  if (barrier_timer_ != nullptr) closeHeapTimer(barrier_timer_);
   callback_.Reset();
 }
 
@@ -342,7 +328,7 @@ uv_timer_t* BareSocket::ClosureTimer() {
 
 void BareSocket::ReleaseBarrierTimer() {
   if (barrier_timer_ == nullptr) return;
-  closeTimer(barrier_timer_);
+  closeHeapTimer(barrier_timer_);
   barrier_timer_ = nullptr;
 }
 

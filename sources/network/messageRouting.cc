@@ -50,11 +50,7 @@ void send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& me
   }
   write->message = message;
   write->req.data = write;
-  int result = uv_write(&write->req, manager->stream_, &message->buffer, 1, OnWriteDone);
-  if (result != 0) {
-    fprintf(stderr, "%s: failed and returned %d \n", "send_msg", result);
-    exit(1);
-  }
+  checkUv("send_msg", uv_write(&write->req, manager->stream_, &message->buffer, 1, OnWriteDone));
 }
 
 bool readIdAndPayload(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::Value>& info,

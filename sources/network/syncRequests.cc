@@ -35,12 +35,8 @@ void SendSyncEventLoopRunner(NetworkManager* manager,
   // No queued script call may run inside the wait.
   auto* prepare = reinterpret_cast<uv_handle_t*>(&tc->async_callbacks_prepare_);
   if (uv_is_active(prepare)) {
-    int result = uv_prepare_stop(&tc->async_callbacks_prepare_);
-    if (result != 0) {
-      fprintf(stderr, "%s: failed and returned %d \n", "SendSyncEventLoopRunner - uv_prepare_stop",
-              result);
-      exit(1);
-    }
+    checkUv("SendSyncEventLoopRunner - uv_prepare_stop",
+            uv_prepare_stop(&tc->async_callbacks_prepare_));
   }
   KeshLogger::logf(LogLevel::kDebug, kComponent, tc->vuser_id_,
                    "waiting for response from request id: %", message->id);

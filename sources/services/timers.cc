@@ -19,10 +19,6 @@ namespace {
 
 constexpr const char* kComponent = component::kTimers;
 
-ThreadComponent* componentOf(v8::Isolate* isolate) {
-  return static_cast<ThreadComponent*>(isolate->GetData(0));
-}
-
 void SettleTimerPromise(const v8::FunctionCallbackInfo<v8::Value>& info);
 
 // A queued call of SettleTimerPromise with { 0: id, 1: false }; null if it cannot be made.
@@ -210,11 +206,7 @@ TimerHandle::~TimerHandle() { closeTimer(this); }
 
 void closeTimer(TimerHandle* handle) {
   // Unlike a bare stop, a close also takes in a fired one-shot timer, so the loop can close.
-  auto* timer = reinterpret_cast<uv_handle_t*>(handle->timer_);
-  if (timer != nullptr && !uv_is_closing(timer)) {
-    uv_timer_stop(handle->timer_);
-    uv_close(timer, [](uv_handle_t* closed) { free(closed); });
-  }
+  if (handle->timer_ != nullptr) closeHeapTimer(handle->timer_);
   handle->timer_ = nullptr;
   handle->callback_.Reset();
   handle->extra_.Reset();

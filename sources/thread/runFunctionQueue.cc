@@ -18,10 +18,6 @@ namespace {
 
 constexpr const char* kComponent = component::kVuserThread;
 
-ThreadComponent* componentOf(v8::Isolate* isolate) {
-  return static_cast<ThreadComponent*>(isolate->GetData(0));
-}
-
 std::string rejectionText(v8::Isolate* isolate, v8::Local<v8::Value> promise) {
   v8::Local<v8::Value> reason = promise.As<v8::Promise>()->Result();
   return utf8Text(isolate, v8::Exception::CreateMessage(isolate, reason)->Get());

@@ -24,6 +24,13 @@ AsyncCallbackEntry makeAsyncCallback(v8::Isolate* isolate, v8::Local<v8::Functio
   });
 }
 
+void closeHeapTimer(uv_timer_t* timer) {
+  auto* handle = reinterpret_cast<uv_handle_t*>(timer);
+  if (uv_is_closing(handle)) return;
+  uv_timer_stop(timer);
+  uv_close(handle, [](uv_handle_t* closed) { free(closed); });
+}
+
 void checkUv(const char* label, int result) {
   if (result == 0) return;
   fprintf(stderr, "%s: failed and returned %d \n", label, result);
@@ -36,7 +43,7 @@ namespace {
 void onPromiseRejected(v8::PromiseRejectMessage message) {
   if (message.GetEvent() != v8::kPromiseRejectWithNoHandler) return;
   v8::Isolate* isolate = v8::Isolate::GetCurrent();
-  auto* tc = static_cast<ThreadComponent*>(isolate->GetData(0));
+  ThreadComponent* tc = componentOf(isolate);
   v8::HandleScope scope(isolate);
   std::string text =
       utf8Text(isolate, v8::Exception::CreateMessage(isolate, message.GetValue())->Get());

@@ -91,6 +91,16 @@ struct ThreadComponent {
 // The host's start-up snapshot that every Vuser isolate and its environment are made from.
 const node::EmbedderSnapshotData* builtinSnapshot();
 
+// The Vuser of the isolate a script or libuv callback runs in; null on an isolate that is not a
+// Vuser's.
+inline ThreadComponent* componentOf(v8::Isolate* isolate) {
+  return static_cast<ThreadComponent*>(isolate->GetData(0));
+}
+
+// Stops and closes a timer allocated with calloc, in any state; its memory goes in the close
+// callback.
+void closeHeapTimer(uv_timer_t* timer);
+
 // "%s: failed and returned %d \n" on standard error, then exit code 1: for libuv calls that
 // cannot fail unless the process is broken.
 void checkUv(const char* label, int result);
