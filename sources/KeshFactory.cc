@@ -207,7 +207,6 @@ void StartKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
   checkUv("start_hook", uv_async_init(uv_default_loop(), &tc->thread_start_hook_, onStartHook));
   thread->started_ = true;
   thread->start();
-  isolate->LowMemoryNotification();
   info.GetReturnValue().Set(resolver->GetPromise());
 }
 

@@ -26,12 +26,14 @@ function scriptDir(files) {
 module.exports = { scenario, scriptDir, modulePath };
 
 // Starts one Vuser of `script`, sends `calls` ([name, param] or a number of milliseconds to
-// wait) `gap` ms apart, stops it, and returns the child's stdout and the log lines it saw. With
-// `pelmare`, a stand-in service runs in the child and the Vuser's args carry its `port`.
-function driveVuser(script, calls, { gap = 30, args = {}, pelmare = false } = {}) {
+// wait) `gap` ms apart, stops it, and returns the child's stdout and the log lines it saw at
+// `level`. With `pelmare`, a stand-in service runs in the child and the Vuser's args carry its
+// `port`.
+function driveVuser(script, calls, { gap = 30, args = {}, pelmare = false, level = 'debug' } = {}) {
   const r = scenario(`
     const lines = [];
     k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
+    k.setLogLevel(${JSON.stringify(level)});
     const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
     (async () => {
       const service = ${pelmare} ? await require(${JSON.stringify(path.join(modulePath, 'tools', 'pelmare'))}).start() : null;

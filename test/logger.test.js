@@ -7,6 +7,7 @@ const tid = String.raw`\(\d+\)`;
 
 test('lines: standard output, then the callback, then standard output again; the process exits', () => {
   const r = scenario(`
+    k.setLogLevel('debug');
     try { k.stopKeshThread(5); } catch {}
     const got = [];
     k.onLogMessage(function (line, level) { got.push([typeof line, line, level, this === globalThis]); });
@@ -17,7 +18,7 @@ test('lines: standard output, then the callback, then standard output again; the
       try { k.stopKeshThread(9); } catch {}
     });`);
   assert.strictEqual(r.status, 0);
-  assert.match(r.stdout, new RegExp(`^\\[Error\\]: KeshFactory - ${tid} Vuser \\[5\\] didn't find active thread\\n`));
+  assert.match(r.stdout, new RegExp(`^\\[Info\\]: KeshLogger - ${tid} called to set Log level with the following state: debug\\n\\[Error\\]: KeshFactory - ${tid} Vuser \\[5\\] didn't find active thread\\n`));
   const got = JSON.parse(/GOT(.*)\n/.exec(r.stdout)[1]);
   assert.deepStrictEqual(got[0].slice(0, 1).concat(got[0].slice(2)), ['string', 'Error', true]);
   assert.match(got[0][1], new RegExp(`^KeshFactory - ${tid} Vuser \\[7\\] didn't find active thread$`));

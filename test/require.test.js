@@ -22,6 +22,7 @@ function runVusers(scripts, between = '') {
   const r = scenario(`
     const lines = [];
     k.onLogMessage((l) => lines.push(l));
+    k.setLogLevel('debug');
     const scripts = ${JSON.stringify(scripts)};
     scripts.forEach((s, i) => k.createKeshThread(i + 1, s, '{}'));
     Promise.all(scripts.map((s, i) => k.startKeshThread(i + 1))).then(async () => {

@@ -9,7 +9,7 @@ const runner = path.join(__dirname, '..', 'bin', 'kesh-run.js');
 const run = (...args) => spawnSync(process.execPath, [runner, ...args], { encoding: 'utf8', timeout: 30000 });
 
 test('the example runner starts, shows and stops its Vusers, and reports failures by exit code', () => {
-  const ok = run('--vusers', '3', '--seconds', '0.5', '--args', '{"n":1}', '--run', 'step',
+  const ok = run('--vusers', '3', '--log-level', 'debug', '--seconds', '0.5', '--args', '{"n":1}', '--run', 'step',
     '--param', '{"page":"a"}', '--every', '100', path.join(__dirname, '..', 'examples', 'hello.js'));
   assert.strictEqual(ok.status, 0, ok.stderr);
   for (const id of [1, 2, 3]) {

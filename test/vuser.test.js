@@ -67,7 +67,7 @@ test('console.log and keshConsole argument rules', () => {
     k.createKeshThread(1, ${JSON.stringify(p('console.js'))}, '{}');
     k.startKeshThread(1).then(() => { k.stopKeshThread(1); k.destroyKeshThreads(); });`);
   assert.strictEqual(r.status, 0, r.stderr);
-  assert.match(r.stdout, /\n\nconsole\.log - Expects only 1 argument\.\n/);
+  assert.match(r.stdout, /(?:^|\n)\nconsole\.log - Expects only 1 argument\.\n/);
   assert.match(r.stdout, /caught string can't convert object passed to console log to string\n/);
   assert.match(r.stdout, /TypeError keshConsole - Expects 2 arguments: message, LogLevel\n/);
   assert.match(r.stdout, /TypeError keshConsole - The arguments are from incorrect type\n/);

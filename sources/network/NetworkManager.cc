@@ -19,8 +19,8 @@ thread_local NetworkManager* current_network_manager = nullptr;
 
 void OnAlloc(uv_handle_t* handle, size_t, uv_buf_t* buf) {
   auto* manager = static_cast<NetworkManager*>(handle->data);
-  manager->read_buffer_.resize(kReadBufferSize);
-  *buf = uv_buf_init(manager->read_buffer_.data(), kReadBufferSize);
+  if (!manager->read_buffer_) manager->read_buffer_ = std::make_unique<char[]>(kReadBufferSize);
+  *buf = uv_buf_init(manager->read_buffer_.get(), kReadBufferSize);
 }
 
 void OnRead(uv_stream_t* stream, ssize_t nread, const uv_buf_t*) {
@@ -30,16 +30,11 @@ void OnRead(uv_stream_t* stream, ssize_t nread, const uv_buf_t*) {
     // The standing state is kept: waiting messages, sockets and a partial line stay as they are.
     uv_read_stop(stream);
     KeshLogger::log(LogLevel::kTrace, kComponent, vuserId, "OnRead received EOF from server");
-    manager->read_buffer_.clear();
     return;
   }
-  if (nread == 0) {
-    manager->read_buffer_.clear();
-    return;
-  }
+  if (nread == 0) return;
   if (nread < 0) {
-    manager->read_accumulator_.clear();
-    manager->read_buffer_.clear();
+    manager->framer_.reset();
     KeshLogger::logf(LogLevel::kError, kComponent, vuserId, "error reading message from stream: %",
                      uv_strerror(static_cast<int>(nread)));
     uv_read_stop(stream);
@@ -49,10 +44,14 @@ void OnRead(uv_stream_t* stream, ssize_t nread, const uv_buf_t*) {
     }
     return;
   }
-  manager->read_accumulator_.append(manager->read_buffer_.data(), static_cast<size_t>(nread));
-  manager->read_buffer_.clear();
-  takeCompleteLines(manager->read_accumulator_,
-                    [manager](const std::string& line) { OnMessage(manager, line); });
+  manager->framer_.feed(
+      std::string_view(manager->read_buffer_.get(), static_cast<size_t>(nread)),
+      [manager](std::string_view line) { OnMessage(manager, line); },
+      [vuserId](size_t length) {
+        KeshLogger::logf(LogLevel::kError, kComponent, vuserId,
+                         "dropped a received line of % bytes: longer than % bytes", length,
+                         kMaxLineLength);
+      });
 }
 
 void OnConnect(uv_connect_t* req, int status) {
@@ -149,8 +148,10 @@ void InitNetworking(const v8::FunctionCallbackInfo<v8::Value>& info) {
     return;
   }
   manager->address_ = address;
-  KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_,
-                  "init session at " + manager->host_ + ":" + std::to_string(manager->port_));
+  if (KeshLogger::produces(LogLevel::kTrace)) {
+    KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_,
+                    "init session at " + manager->host_ + ":" + std::to_string(manager->port_));
+  }
   if (!manager->connected_.load()) {
     if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&manager->tcp_)) ||
         manager->tcp_.loop == nullptr) {

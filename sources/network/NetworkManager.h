@@ -60,8 +60,8 @@ struct NetworkManager {
   sockaddr_in address_{};
   int64_t port_ = 0;
   std::string host_;
-  std::string read_accumulator_;
-  std::vector<char> read_buffer_;
+  LineFramer framer_;
+  std::unique_ptr<char[]> read_buffer_;  // kReadBufferSize bytes, made at the first read
   // The failure of a line read during a synchronous wait, for the waiting call to throw.
   v8::Persistent<v8::Value> sync_failure_;
 
@@ -99,7 +99,7 @@ bool refuseWithoutConnection(v8::Isolate* isolate, NetworkManager* manager, cons
 std::shared_ptr<NetworkMessage> makeMessage(int32_t id, const char* payload, bool is_sync);
 
 void InstallNetworkFunctions(ThreadComponent* component, v8::Local<v8::Object> target);
-void OnMessage(NetworkManager* manager, const std::string& line);
+void OnMessage(NetworkManager* manager, std::string_view line);
 void send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& message);
 void ProcessNetworkMessages(ThreadComponent* component);
 void SendSyncEventLoopRunner(NetworkManager* manager,

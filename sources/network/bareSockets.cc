@@ -221,8 +221,10 @@ void StopBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
                       ": BreakBareSocketBarrier: cannot find promise pair for websocket id " + id);
     }
     if (socket->barrier_resolver_.IsEmpty()) {
-      KeshLogger::log(LogLevel::kDebug, kComponent, tc->vuser_id_,
-                      "The barrier of " + id + " has been already released due to timeout");
+      if (KeshLogger::produces(LogLevel::kDebug)) {
+        KeshLogger::log(LogLevel::kDebug, kComponent, tc->vuser_id_,
+                        "The barrier of " + id + " has been already released due to timeout");
+      }
       return;
     }
     bool isError = info[1]->IsTrue();
@@ -261,8 +263,10 @@ void ResolveBareSocketPromiseCallback(const v8::FunctionCallbackInfo<v8::Value>&
       } else if (socket == nullptr) {
         failure = std::string(kNoSocket) + " " + id;
       } else {
-        KeshLogger::log(LogLevel::kDebug, kComponent, componentOf(isolate)->vuser_id_,
-                        "closing socket with id " + id);
+        if (KeshLogger::produces(LogLevel::kDebug)) {
+          KeshLogger::log(LogLevel::kDebug, kComponent, componentOf(isolate)->vuser_id_,
+                          "closing socket with id " + id);
+        }
         auto& held = fields[3]->IsTrue() ? socket->closure_resolver_ : socket->barrier_resolver_;
         bool settled = false;
         if (!held.IsEmpty()) {
@@ -292,7 +296,7 @@ void CleanBareSocketConnection(const v8::FunctionCallbackInfo<v8::Value>& info) 
     v8::HandleScope scope(isolate);
     std::string id = utf8Text(isolate, info[0]);
     ThreadComponent* tc = componentOf(isolate);
-    if (tc->bare_sockets_.erase(id) == 0) {
+    if (tc->bare_sockets_.erase(id) == 0 && KeshLogger::produces(LogLevel::kTrace)) {
       KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_,
                       "Internal warning: asked to delete socket with id: " + id + " twice.");
     }

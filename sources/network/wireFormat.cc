@@ -1,45 +1,144 @@
 #include "network/wireFormat.h"
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <regex>
 
 namespace kesh {
 
 namespace {
 
-const std::regex& headerPattern() {
-  // Compiled once per process; the keys match in any case and must stand in this order.
-  static const std::regex pattern(
-      R"("messageId":\s*(\-?\d+).*?"socketId":\s*"(\-?\w+)?".*?"responseType":\s*(\d+))",
-      std::regex::ECMAScript | std::regex::icase | std::regex::optimize);
-  return pattern;
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+bool isWord(char c) {
+  return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+bool isLineEnd(char c) { return c == '\n' || c == '\r'; }
+
+// Whether `key` (lower case) stands at `at`, in any case.
+bool keyAt(std::string_view head, size_t at, std::string_view key) {
+  if (head.size() - at < key.size()) return false;
+  for (size_t i = 0; i < key.size(); ++i) {
+    char c = head[at + i];
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if (c != key[i]) return false;
+  }
+  return true;
 }
 
-int32_t headerNumber(const std::string& text, const std::string& line) {
+size_t skipSpaces(std::string_view head, size_t at) {
+  while (at < head.size() && isSpace(head[at])) ++at;
+  return at;
+}
+
+struct Span {
+  size_t begin = 0;
+  size_t end = 0;
+};
+
+constexpr std::string_view kMessageIdKey = "\"messageid\":";
+constexpr std::string_view kSocketIdKey = "\"socketid\":";
+constexpr std::string_view kResponseTypeKey = "\"responsetype\":";
+constexpr size_t kNone = SIZE_MAX;
+
+// "messageId":\s*(-?\d+) at `at`: the number's span, or an empty span.
+Span messageIdAt(std::string_view head, size_t at) {
+  if (!keyAt(head, at, kMessageIdKey)) return {};
+  size_t begin = skipSpaces(head, at + kMessageIdKey.size());
+  size_t p = begin;
+  if (p < head.size() && head[p] == '-') ++p;
+  size_t digits = p;
+  while (p < head.size() && isDigit(head[p])) ++p;
+  return p > digits ? Span{begin, p} : Span{};
+}
+
+// "socketId":\s*"(-?\w+)?" at `at`: the value's span, ending just before the closing quote.
+bool socketIdAt(std::string_view head, size_t at, Span* value) {
+  if (!keyAt(head, at, kSocketIdKey)) return false;
+  size_t p = skipSpaces(head, at + kSocketIdKey.size());
+  if (p >= head.size() || head[p] != '"') return false;
+  size_t begin = ++p;
+  if (p < head.size() && head[p] == '-') ++p;
+  size_t word = p;
+  while (p < head.size() && isWord(head[p])) ++p;
+  // Without word characters the optional group matches nothing and the quote must close at once.
+  if (p == word) p = begin;
+  if (p >= head.size() || head[p] != '"') return false;
+  *value = {begin, p};
+  return true;
+}
+
+// "responseType":\s*(\d+) at `at`: the number's span, or an empty span.
+Span responseTypeAt(std::string_view head, size_t at) {
+  if (!keyAt(head, at, kResponseTypeKey)) return {};
+  size_t p = skipSpaces(head, at + kResponseTypeKey.size());
+  size_t begin = p;
+  while (p < head.size() && isDigit(head[p])) ++p;
+  return p > begin ? Span{begin, p} : Span{};
+}
+
+int32_t headerNumber(std::string_view digits, std::string_view line) {
   errno = 0;
-  long long value = std::strtoll(text.c_str(), nullptr, 10);
+  long long value = std::strtoll(std::string(digits).c_str(), nullptr, 10);
   if (errno == ERANGE || value < INT32_MIN || value > INT32_MAX) {
-    throw std::runtime_error("message header number does not fit 32 bits in response: " + line);
+    throw std::runtime_error("message header number does not fit 32 bits in response: " +
+                             std::string(line));
   }
   return static_cast<int32_t>(value);
 }
 
 }  // namespace
 
-MessageHeader readMessageHeader(const std::string& line) {
+MessageHeader readMessageHeader(std::string_view line) {
   if (line.empty()) throw std::runtime_error("received response is empty");
-  std::string head = line.substr(0, kHeaderSearchLength);
-  std::smatch match;
-  if (!std::regex_search(head, match, headerPattern()) || match.size() <= 1) {
-    throw std::runtime_error("no message info found in response");
+  std::string_view head = line.substr(0, kHeaderSearchLength);
+  const size_t n = head.size();
+  // One pass from the end tells, for every position, where the next line end is and where the
+  // next match of each later part begins that can still complete; the first messageId whose
+  // continuation completes is then found in one pass from the front. This is the order in which
+  // a backtracking matcher would accept, in linear time.
+  std::array<size_t, kHeaderSearchLength + 1> lineEnd;
+  std::array<size_t, kHeaderSearchLength + 1> typeAt;       // next complete responseType
+  std::array<Span, kHeaderSearchLength + 1> typeSpan;
+  std::array<size_t, kHeaderSearchLength + 1> socketAt;     // next socketId that completes
+  std::array<Span, kHeaderSearchLength + 1> socketSpan;
+  lineEnd[n] = typeAt[n] = socketAt[n] = kNone;
+  // `.*?` from `from` reaches `to` when no line end lies between them.
+  auto reaches = [&](size_t from, size_t to) { return to != kNone && lineEnd[from] >= to; };
+  for (size_t i = n; i-- > 0;) {
+    lineEnd[i] = isLineEnd(head[i]) ? i : lineEnd[i + 1];
+    Span type = responseTypeAt(head, i);
+    if (type.end > type.begin) {
+      typeAt[i] = i;
+      typeSpan[i] = type;
+    } else {
+      typeAt[i] = typeAt[i + 1];
+      typeSpan[i] = typeSpan[i + 1];
+    }
+    Span socket;
+    size_t after = kNone;
+    if (socketIdAt(head, i, &socket)) after = socket.end + 1;
+    if (after != kNone && after <= n && reaches(after, typeAt[after])) {
+      socketAt[i] = i;
+      socketSpan[i] = socket;
+    } else {
+      socketAt[i] = socketAt[i + 1];
+      socketSpan[i] = socketSpan[i + 1];
+    }
   }
-  MessageHeader header;
-  header.message_id_ = headerNumber(match[1].str(), line);
-  header.socket_id_ = match[2].str();
-  header.response_type_ = headerNumber(match[3].str(), line);
-  return header;
+  for (size_t i = 0; i < n; ++i) {
+    Span id = messageIdAt(head, i);
+    if (id.end == id.begin || !reaches(id.end, socketAt[id.end])) continue;
+    Span socket = socketSpan[id.end];
+    Span type = typeSpan[socket.end + 1];
+    MessageHeader header;
+    header.message_id_ = headerNumber(head.substr(id.begin, id.end - id.begin), line);
+    header.socket_id_.assign(head.substr(socket.begin, socket.end - socket.begin));
+    header.response_type_ = headerNumber(head.substr(type.begin, type.end - type.begin), line);
+    return header;
+  }
+  throw std::runtime_error("no message info found in response");
 }
 
 }  // namespace kesh

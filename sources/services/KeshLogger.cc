@@ -36,15 +36,36 @@ void KeshLogger::handOver(std::unique_ptr<LogRecord> record) {
     writeDirect(*record);
     return;
   }
-  {
-    std::lock_guard<std::mutex> lock(logger->mutex_);
-    logger->queue_.push_back(std::move(record));
-  }
-  uv_async_send(&logger->async_);
+  if (logger->enqueue(std::move(record))) uv_async_send(&logger->async_);
 }
 
-void KeshLogger::log(LogLevel level, const char* component, uint32_t vuserId,
-                     const std::string& message) {
+bool KeshLogger::enqueue(std::unique_ptr<LogRecord> record) {
+  size_t bytes = record->text.size() + record->component.size() + record->levelName.size();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (queue_.size() >= kMaxQueuedLines || queued_bytes_ + bytes > kMaxQueuedBytes) {
+    // The wake-up for what is queued is already on its way.
+    ++dropped_lines_;
+    return false;
+  }
+  queued_bytes_ += bytes;
+  queue_.push_back(std::move(record));
+  return true;
+}
+
+void KeshLogger::reportDropped() {
+  size_t dropped;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    dropped = dropped_lines_;
+    dropped_lines_ = 0;
+  }
+  if (dropped == 0) return;
+  logf(LogLevel::kWarning, component::kKeshLogger,
+       "% log lines were dropped: they came faster than the runner's callback took them", dropped);
+}
+
+void KeshLogger::emitPlain(LogLevel level, const char* component, uint32_t vuserId,
+                           std::string_view message) {
   auto record = std::make_unique<LogRecord>();
   record->levelName = levelName(level);
   record->text.reserve(32 + message.size());

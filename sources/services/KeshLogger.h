@@ -22,6 +22,14 @@ extern std::atomic<int32_t> currentLogLevel;
 // True: lines go straight to standard output. False: they are queued for the runner's callback.
 extern std::atomic<bool> directOutput;
 
+// Bounds of the queue between the threads that log and the main thread that delivers: a flood
+// must not grow the runner's memory without limit. Lines beyond them are counted, and the count
+// is delivered as one Warning line once there is room again.
+inline constexpr size_t kMaxQueuedLines = 100000;
+inline constexpr size_t kMaxQueuedBytes = 64u << 20;
+// One delivery pass gives the runner's event loop back after this long.
+inline constexpr uint64_t kDeliverySliceNanos = 5'000'000;
+
 struct LogRecord {
   std::string levelName;
   std::string text;
@@ -35,6 +43,8 @@ class KeshLogger {
   v8::Global<v8::Function> callback_;
   std::mutex mutex_;
   std::deque<std::unique_ptr<LogRecord>> queue_;
+  size_t queued_bytes_ = 0;    // under mutex_
+  size_t dropped_lines_ = 0;   // under mutex_
 
   KeshLogger();
   ~KeshLogger();
@@ -44,9 +54,24 @@ class KeshLogger {
   // Creates the logger on first use; after close() has released it, the next use makes a new one.
   static KeshLogger* instance();
 
+  // Whether a plain line at this level is produced: Debug and trace lines only at level debug,
+  // so that a busy Vuser costs no line, no string and no wake-up of the main thread.
+  static bool produces(LogLevel level) {
+    return level < LogLevel::kDebug ||
+           currentLogLevel.load(std::memory_order_relaxed) >= static_cast<int32_t>(LogLevel::kDebug);
+  }
+
   static void log(LogLevel level, const char* component, uint32_t vuserId,
-                  const std::string& message);
+                  const std::string& message) {
+    if (produces(level)) emitPlain(level, component, vuserId, message);
+  }
   static void log(LogLevel level, const char* component, const std::string& message) {
+    log(level, component, kNoVuser, message);
+  }
+  static void log(LogLevel level, const char* component, uint32_t vuserId, const char* message) {
+    if (produces(level)) emitPlain(level, component, vuserId, message);
+  }
+  static void log(LogLevel level, const char* component, const char* message) {
     log(level, component, kNoVuser, message);
   }
 
@@ -78,6 +103,13 @@ class KeshLogger {
 
  private:
   static std::atomic<KeshLogger*> current_;
+
+  static void emitPlain(LogLevel level, const char* component, uint32_t vuserId,
+                        std::string_view message);
+  // Takes a record under mutex_, or counts it as dropped when the queue is full.
+  bool enqueue(std::unique_ptr<LogRecord> record);
+  // The count of dropped lines as one line, queued behind what is there.
+  void reportDropped();
 
   static void emitFormatted(LogLevel level, const char* component, uint32_t vuserId,
                             const char* format, const std::string* args, size_t count);

@@ -128,43 +128,46 @@ KeshLogger::~KeshLogger() {
 
 void KeshLogger::drain() {
   v8::Isolate* isolate = v8::Isolate::GetCurrent();
-  {
-    v8::Locker locker(isolate);
-    isolate->Enter();
-    {
-      v8::HandleScope scope(isolate);
-      v8::Local<v8::Context> context = isolate->GetCurrentContext();
-      // Lets promise reactions and next-tick work queued by the callback run once delivery ends.
-      node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
-      v8::Local<v8::Function> callback = callback_.Get(isolate);
-      v8::Local<v8::Object> receiver = context->Global();
-      for (;;) {
-        std::unique_ptr<LogRecord> record;
-        {
-          std::lock_guard<std::mutex> lock(mutex_);
-          if (queue_.empty()) break;
-          record = std::move(queue_.front());
-          queue_.pop_front();
-        }
-        if (callback.IsEmpty()) continue;  // a logger that never attached has nobody to tell
-        v8::HandleScope lineScope(isolate);
-        v8::TryCatch tryCatch(isolate);
-        v8::Local<v8::Value> argv[2] = {
-            ToV8String(isolate, displayText(record->component, record->text)),
-            ToV8String(isolate, record->levelName)};
-        v8::MaybeLocal<v8::Value> result = callback->Call(context, receiver, 2, argv);
-        if (result.IsEmpty() || tryCatch.HasCaught()) {
-          // The line is dropped; the error line's own hand-over wakes the next delivery.
-          logf(LogLevel::kError, component::kKeshLogger, "Error calling logger callback %\n",
-               ExceptionToString(isolate, tryCatch));
-          tryCatch.Reset();
-          break;
-        }
-      }
+  v8::Locker locker(isolate);
+  v8::Isolate::Scope isolateScope(isolate);
+  v8::HandleScope scope(isolate);
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  // Lets promise reactions and next-tick work queued by the callback run once delivery ends.
+  node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
+  v8::Local<v8::Function> callback = callback_.Get(isolate);
+  v8::Local<v8::Object> receiver = context->Global();
+  // A flood is delivered in slices, each followed by a turn of the runner's own loop.
+  const uint64_t deadline = uv_hrtime() + kDeliverySliceNanos;
+  for (size_t delivered = 0;; ++delivered) {
+    if ((delivered & 63) == 63 && uv_hrtime() > deadline) {
+      uv_async_send(&async_);
+      return;
     }
-    isolate->Exit();
-    v8::Unlocker unlocker(isolate);
+    std::unique_ptr<LogRecord> record;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (queue_.empty()) break;
+      record = std::move(queue_.front());
+      queue_.pop_front();
+      queued_bytes_ -= record->text.size() + record->component.size() + record->levelName.size();
+    }
+    if (callback.IsEmpty()) continue;  // a logger that never attached has nobody to tell
+    v8::HandleScope lineScope(isolate);
+    v8::TryCatch tryCatch(isolate);
+    v8::Local<v8::Value> argv[2] = {
+        ToV8String(isolate, displayText(record->component, record->text)),
+        ToV8String(isolate, record->levelName)};
+    v8::MaybeLocal<v8::Value> result = callback->Call(context, receiver, 2, argv);
+    if (result.IsEmpty() || tryCatch.HasCaught()) {
+      // The line is dropped; the error line's own hand-over wakes the next delivery.
+      logf(LogLevel::kError, component::kKeshLogger, "Error calling logger callback %\n",
+           ExceptionToString(isolate, tryCatch));
+      tryCatch.Reset();
+      return;
+    }
   }
+  // Queued after the lines it speaks of, once they have made room.
+  reportDropped();
 }
 
 void KeshLogger::close() {

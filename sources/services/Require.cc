@@ -312,8 +312,10 @@ v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& in
   define(module, parentKey, parent);
   define(module, ToV8String(isolate, "filename", StringType::kInternalized), newFilename);
   define(module, ToV8String(isolate, "path", StringType::kInternalized), newDirname);
-  KeshLogger::log(LogLevel::kTrace, kComponent,
-                  std::string("running required file ") + record->fullPath.get());
+  if (KeshLogger::produces(LogLevel::kTrace)) {
+    KeshLogger::log(LogLevel::kTrace, kComponent,
+                    std::string("running required file ") + record->fullPath.get());
+  }
 
   v8::Local<v8::Value> args[] = {module, exports, newFilename, newDirname, load};
   v8::Local<v8::Value> returned;

@@ -1,5 +1,7 @@
 #include "services/Utilities.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 
 #include "services/KeshLogger.h"
@@ -21,21 +23,20 @@ void isolateLeave(v8::Isolate* isolate) {
   v8::Unlocker unlocker(isolate);
 }
 
-v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text, StringType type) {
-  isolateEnter(isolate);
-  v8::EscapableHandleScope scope(isolate);
-  v8::TryCatch tryCatch(isolate);
-  v8::MaybeLocal<v8::String> result =
+v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text, size_t length,
+                                 StringType type) {
+  v8::Local<v8::String> result;
+  if (length <= static_cast<size_t>(INT_MAX) &&
       v8::String::NewFromUtf8(isolate, text,
                               type == StringType::kInternalized ? v8::NewStringType::kInternalized
-                                                                : v8::NewStringType::kNormal);
-  if (!result.IsEmpty() && !tryCatch.HasCaught()) {
-    isolateLeave(isolate);
-    return scope.Escape(result.ToLocalChecked());
+                                                                : v8::NewStringType::kNormal,
+                              static_cast<int>(length))
+          .ToLocal(&result)) {
+    return result;
   }
   // The message is built without ToV8String: a text too long for V8 would fail again, and the
   // quoted text is cut so that the message itself always converts.
-  std::string quoted(text);
+  std::string quoted(text, std::min<size_t>(length, 257));
   if (quoted.size() > 256) quoted = quoted.substr(0, 256) + "...";
   std::string message = "Failed converting [" + quoted + "] to v8 string";
   KeshLogger::log(LogLevel::kError, "", message);
@@ -43,8 +44,6 @@ v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text, StringT
   if (v8::String::NewFromUtf8(isolate, message.c_str()).ToLocal(&messageText)) {
     isolate->ThrowException(v8::Exception::Error(messageText));
   }
-  tryCatch.ReThrow();
-  isolateLeave(isolate);
   return v8::String::Empty(isolate);
 }
 

@@ -2,6 +2,7 @@
 
 #include <v8.h>
 
+#include <cstring>
 #include <string>
 
 #include "services/fileRecord.h"
@@ -31,11 +32,17 @@ void scriptEntry(const v8::FunctionCallbackInfo<v8::Value>& info, Body body) {
 enum class StringType : int { kNormal = 0, kInternalized = 1 };
 
 // Never empty: on failure the empty string comes back with a JavaScript exception pending.
-v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text,
+// The caller is inside the isolate.
+v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text, size_t length,
                                  StringType type = StringType::kNormal);
+inline v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text,
+                                        StringType type = StringType::kNormal) {
+  return ToV8String(isolate, text, strlen(text), type);
+}
+// By length: a NUL inside the text stays in the string.
 inline v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const std::string& text,
                                         StringType type = StringType::kNormal) {
-  return ToV8String(isolate, text.c_str(), type);
+  return ToV8String(isolate, text.data(), text.size(), type);
 }
 // The UTF-8 text of a value as String() would give it, empty when the conversion fails.
 std::string utf8Text(v8::Isolate* isolate, v8::Local<v8::Value> value);

@@ -12,6 +12,7 @@
 #include "services/caches.h"
 #include "services/console.h"
 #include "services/timers.h"
+#include "thread/idleCollection.h"
 #include "thread/runFunctionQueue.h"
 
 namespace kesh {
@@ -116,7 +117,6 @@ void KeshThread::threadMain() {
             "process exit requested with code " + std::to_string(code) + ": stopping this Vuser");
         if (!thread_component_->thread_stopping_.load()) stopThread();
       });
-      isolate->MemoryPressureNotification(v8::MemoryPressureLevel::kCritical);
       KeshLogger::log(LogLevel::kDebug, kComponent, vuser_id_, "Isolate init");
       isolate->SetCaptureStackTraceForUncaughtExceptions(true, 10, v8::StackTrace::kDetailed);
       installGlobals(tc);
@@ -198,6 +198,7 @@ void KeshThread::threadMain() {
         std::unique_lock<std::mutex> lock(tc->start_mutex_);
         tc->start_cv_.wait_for(lock, std::chrono::milliseconds(100),
                                [tc] { return tc->start_acknowledged_.load(); });
+        startIdleCollection(tc);
         runEventLoop();
       }
     } catch (const std::exception& e) {

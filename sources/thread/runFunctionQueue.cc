@@ -116,6 +116,7 @@ void runPendingFunction(KeshThread* thread) {
     param = tc->pending_function_param_;
   }
   bool stop = false;
+  ++tc->script_calls_;
   isolateEnter(isolate);
   {
     v8::Isolate::Scope isolateScope(isolate);
@@ -166,9 +167,6 @@ void runPendingFunction(KeshThread* thread) {
         } else if (IsRejectedPromise(result)) {
           rejection =
               "Error calling Vuser function (promise rejected): " + rejectionText(isolate, result);
-        } else {
-          isolate->MemoryPressureNotification(v8::MemoryPressureLevel::kCritical);
-          isolate->IdleNotificationDeadline(5.0);
         }
       }
       if (!rejection.empty()) {
@@ -201,7 +199,6 @@ void runAsyncCallbacks(ThreadComponent* tc, bool fromScript) {
       v8::Local<v8::Object> global = context->Global();
       // Only this thread appends to or takes from the queue; the lock orders the moves with
       // _clearPendingRunFunctions and the main thread's hand-over.
-      bool hadWork = !tc->async_callbacks_.empty();
       while (!tc->async_callbacks_.empty()) {
         AsyncCallbackEntry entry;
         {
@@ -210,6 +207,7 @@ void runAsyncCallbacks(ThreadComponent* tc, bool fromScript) {
           tc->async_callbacks_.pop_front();
         }
         if (!entry || entry->function_.IsEmpty()) continue;
+        ++tc->script_calls_;
         v8::HandleScope callScope(isolate);
         node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
         v8::TryCatch inner(isolate);
@@ -231,8 +229,9 @@ void runAsyncCallbacks(ThreadComponent* tc, bool fromScript) {
         KeshLogger::log(LogLevel::kDebug, kComponent, tc->vuser_id_,
                         "finished running async callback");
       }
-      // Look at the queue again on a fresh turn, after work that may have queued more.
-      if (hadWork) uv_async_send(&tc->loop_stop_hook_);
+      // Lines that a blocking request inside a call read are waiting: another turn, without
+      // blocking in the poll, takes them. Otherwise the loop may sleep until its next event.
+      if (!tc->network_queue_.empty()) uv_async_send(&tc->loop_stop_hook_);
     } catch (const std::exception& e) {
       if (fromScript) {
         LogAndThrowError(isolate, kComponent, e.what());

@@ -96,7 +96,6 @@ ThreadComponent::ThreadComponent(std::string script_path, uint32_t vuser_id,
   isolate_->EnableMemorySavingsMode();
   isolate_->SetData(0, this);
   isolate_->SetCaptureStackTraceForUncaughtExceptions(true, 10, v8::StackTrace::kOverview);
-  isolate_->MemoryPressureNotification(v8::MemoryPressureLevel::kCritical);
 }
 
 ThreadComponent::~ThreadComponent() {

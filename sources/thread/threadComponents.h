@@ -76,6 +76,13 @@ struct ThreadComponent {
   std::string pending_function_name_;
   std::string pending_function_param_;
   std::mutex pending_function_mutex_;
+  // Vuser thread only: script calls made so far, and what the idle check saw of them and of the
+  // heap (see idleCollection.h).
+  uint64_t script_calls_ = 0;
+  uint64_t script_calls_at_check_ = 0;
+  size_t heap_after_collection_ = 0;
+  bool collected_while_idle_ = false;
+  uv_timer_t idle_check_timer_{};
   // Set when the Vuser was destroyed while its start hook was still due: the hook's close
   // callback then releases the Vuser.
   KeshThread* release_on_hook_close_ = nullptr;

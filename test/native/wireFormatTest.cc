@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <climits>
+#include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -54,22 +58,128 @@ TEST(MessageHeader, RefusesLinesItCannotRoute) {
             INT32_MIN);
 }
 
-TEST(LineFraming, CutsCompleteLinesAndKeepsThePartialOne) {
+// The reader this one replaced, kept as the reference of which heads are accepted and what they
+// give: the same pattern through std::regex.
+std::string referenceReading(const std::string& line) {
+  static const std::regex pattern(
+      R"("messageId":\s*(\-?\d+).*?"socketId":\s*"(\-?\w+)?".*?"responseType":\s*(\d+))",
+      std::regex::ECMAScript | std::regex::icase);
+  std::string head = line.substr(0, kHeaderSearchLength);
+  std::smatch match;
+  if (line.empty() || !std::regex_search(head, match, pattern)) return "none";
+  return match[1].str() + "|" + match[2].str() + "|" + match[3].str();
+}
+
+std::string reading(const std::string& line) {
+  try {
+    MessageHeader h = readMessageHeader(line);
+    return std::to_string(h.message_id_) + "|" + h.socket_id_ + "|" +
+           std::to_string(h.response_type_);
+  } catch (const std::runtime_error& e) {
+    return std::string(e.what()).rfind("message header number", 0) == 0 ? "range" : "none";
+  }
+}
+
+// The reference gives the digits as written; compare them as numbers where they fit.
+std::string normalised(const std::string& reference) {
+  if (reference == "none") return reference;
+  size_t a = reference.find('|');
+  size_t b = reference.rfind('|');
+  long long id = std::strtoll(reference.substr(0, a).c_str(), nullptr, 10);
+  long long type = std::strtoll(reference.substr(b + 1).c_str(), nullptr, 10);
+  if (reference.size() - b > 12 || a > 12 || id < INT32_MIN || id > INT32_MAX ||
+      type > INT32_MAX) {
+    return "range";
+  }
+  return std::to_string(id) + reference.substr(a, b - a + 1) + std::to_string(type);
+}
+
+TEST(MessageHeader, AgreesWithTheRegularExpressionOnRandomAndMutatedHeads) {
+  const std::vector<std::string> pieces = {
+      "\"messageId\":", "\"MessageID\":", "\"socketId\":", "\"SOCKETID\":", "\"responseType\":",
+      "\"responsetype\": ", "\"", "-", "7", "42", "0", "ws_1", "a", " ", "\t", "\r", ",", "{",
+      "}", ":", "x", "\"\"", "-x", "_", "\xc3\xa9", std::string(1, '\0'), "\n"};
+  const std::string valid = R"({"messageId":12,"socketId":"ws-1","responseType":1,"d":"x"})";
+  std::mt19937 random(20261123);
+  for (int round = 0; round < 200000; ++round) {
+    std::string line;
+    if (round % 2 == 0) {
+      int count = 1 + static_cast<int>(random() % 24);
+      for (int i = 0; i < count; ++i) line += pieces[random() % pieces.size()];
+    } else {
+      line = valid;
+      int edits = 1 + static_cast<int>(random() % 4);
+      for (int i = 0; i < edits; ++i) {
+        size_t at = random() % (line.size() + 1);
+        switch (random() % 3) {
+          case 0:
+            line.insert(at, pieces[random() % pieces.size()]);
+            break;
+          case 1:
+            if (at < line.size()) line.erase(at, 1 + random() % 6);
+            break;
+          default:
+            if (at < line.size()) line[at] = static_cast<char>(random() % 128);
+        }
+      }
+    }
+    ASSERT_EQ(reading(line), normalised(referenceReading(line))) << "line: " << line;
+  }
+}
+
+TEST(MessageHeader, StaysFastOnHeadsBuiltToBacktrack) {
+  std::string crafted;
+  while (crafted.size() < kHeaderSearchLength) crafted += "\"messageId\":1\"socketId\":\"a\"";
+  auto started = std::chrono::steady_clock::now();
+  for (int i = 0; i < 1000; ++i) EXPECT_EQ(reading(crafted), "none");
+  auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                    std::chrono::steady_clock::now() - started)
+                    .count();
+  EXPECT_LT(micros / 1000.0, 50.0) << "microseconds per crafted head";
+}
+
+TEST(LineFraming, CutsLinesWhateverTheReadsAndKeepsThePartialOne) {
   std::vector<std::string> lines;
-  std::string acc;
+  std::vector<size_t> oversized;
+  LineFramer framer;
   auto feed = [&](const std::string& bytes) {
-    acc += bytes;
-    takeCompleteLines(acc, [&](const std::string& line) { lines.push_back(line); });
+    framer.feed(
+        bytes, [&](std::string_view line) { lines.emplace_back(line); },
+        [&](size_t length) { oversized.push_back(length); });
   };
   for (char c : std::string("ab\r\ncd")) feed(std::string(1, c));  // one byte a read
-  feed("\nx\n\ny");
-  EXPECT_EQ(lines, (std::vector<std::string>{"ab\r", "cd", "x", ""}));
-  EXPECT_EQ(acc, "y");
+  feed(std::string("\nx\n\nn\0l\ny", 9));
+  EXPECT_EQ(lines, (std::vector<std::string>{"ab\r", "cd", "x", "", std::string("n\0l", 3)}));
+  EXPECT_EQ(framer.pending_, "y");
   std::string big(12000, 'b');
   feed(big.substr(0, 5000));
   feed(big.substr(5000) + "\n");
   EXPECT_EQ(lines.back(), "y" + big);
-  EXPECT_TRUE(acc.empty());
+  EXPECT_TRUE(framer.pending_.empty());
+  EXPECT_TRUE(oversized.empty());
+}
+
+TEST(LineFraming, SkipsALineBeyondTheBoundAndGoesOnAtTheNext) {
+  std::vector<std::string> lines;
+  std::vector<size_t> oversized;
+  LineFramer framer;
+  auto feed = [&](std::string_view bytes) {
+    framer.feed(
+        bytes, [&](std::string_view line) { lines.emplace_back(line); },
+        [&](size_t length) { oversized.push_back(length); });
+  };
+  const std::string chunk(1 << 20, 'z');
+  feed("ok\nhead");
+  for (size_t sent = 4; sent <= kMaxLineLength; sent += chunk.size()) feed(chunk);
+  EXPECT_LT(framer.pending_.capacity(), 2 * kReadBufferSize);  // memory stays bounded
+  feed("tail\nnext\n");
+  ASSERT_EQ(oversized.size(), 1u);
+  EXPECT_EQ(oversized[0], 4 + 64 * chunk.size() + 4);
+  EXPECT_EQ(lines, (std::vector<std::string>{"ok", "next"}));
+  // One read that holds a whole over-long line.
+  feed(std::string(kMaxLineLength + 1, 'q') + "\nlast\n");
+  EXPECT_EQ(oversized.back(), kMaxLineLength + 1);
+  EXPECT_EQ(lines.back(), "last");
 }
 
 }  // namespace
