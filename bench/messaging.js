@@ -292,6 +292,9 @@ const experiments = {
 };
 
 async function child(spec) {
+  // A child started by hand (for a profiler) may name a folder of its own.
+  const script = path.join(spec.dir, 'vuser.js');
+  if (!fs.existsSync(script)) fs.writeFileSync(script, VUSER_SCRIPT);
   const result = await experiments[spec.experiment](spec.kind, spec);
   console.log('RESULT ' + JSON.stringify(result));
   process.exit(0);

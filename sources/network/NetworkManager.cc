@@ -112,12 +112,10 @@ void NetworkManager::releaseScriptValues() {
   thread_component_->bare_sockets_.clear();
 }
 
-std::shared_ptr<NetworkMessage> makeMessage(int32_t id, const char* payload, bool is_sync) {
+std::shared_ptr<NetworkMessage> makeMessage(int32_t id, std::string payload, bool is_sync) {
   auto message = std::make_shared<NetworkMessage>();
   message->id = id;
-  message->payload.assign(payload, payload + strlen(payload));
-  message->buffer =
-      uv_buf_init(message->payload.data(), static_cast<unsigned int>(message->payload.size()));
+  message->payload = std::move(payload);
   message->is_sync = is_sync;
   return message;
 }

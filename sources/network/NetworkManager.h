@@ -24,8 +24,8 @@ struct ThreadComponent;
 struct NetworkMessage {
   int32_t id = -1;  // -1 for a line that belongs to a bare socket
   std::string socket_id;
-  std::vector<char> payload;  // freed once written
-  uv_buf_t buffer{};
+  std::string payload;  // freed once written
+  bool written = false;
   bool is_sync = false;
   v8::Persistent<v8::Function> callback;
   std::string response;
@@ -96,7 +96,7 @@ bool readIdAndPayload(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::V
 // Throws the refusal and answers true when there is no connection to write to.
 bool refuseWithoutConnection(v8::Isolate* isolate, NetworkManager* manager, const char* function);
 
-std::shared_ptr<NetworkMessage> makeMessage(int32_t id, const char* payload, bool is_sync);
+std::shared_ptr<NetworkMessage> makeMessage(int32_t id, std::string payload, bool is_sync);
 
 void InstallNetworkFunctions(ThreadComponent* component, v8::Local<v8::Object> target);
 void OnMessage(NetworkManager* manager, std::string_view line);

@@ -29,7 +29,8 @@ void OnWriteDone(uv_write_t* req, int status) {
     KeshLogger::logf(LogLevel::kError, kComponent, "Error writing message to stream:  %",
                      uv_strerror(status));
   }
-  std::vector<char>().swap(write->message->payload);
+  std::string().swap(write->message->payload);
+  write->message->written = true;
   // A written-only request waits for this write alone, whatever its outcome.
   if (!write->message->wait_for_response && manager != nullptr) manager->StopSyncWait();
   delete write;
@@ -42,6 +43,17 @@ void giveBackExternalMemory(v8::Isolate* isolate, std::string_view line) {
 }  // namespace
 
 void send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& message) {
+  std::string& payload = message->payload;
+  uv_buf_t whole = uv_buf_init(payload.data(), static_cast<unsigned int>(payload.size()));
+  // Most payloads leave at once: then there is no request to allocate and no callback to wait
+  // for. libuv refuses this while earlier writes are queued, so the order of writes is kept.
+  int written = uv_try_write(manager->stream_, &whole, 1);
+  if (written == static_cast<int>(payload.size())) {
+    std::string().swap(payload);
+    message->written = true;
+    return;
+  }
+  size_t sent = written > 0 ? static_cast<size_t>(written) : 0;
   auto* write = new (std::nothrow) WriteRequest();
   if (write == nullptr) {
     throw std::runtime_error(
@@ -49,7 +61,9 @@ void send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& me
   }
   write->message = message;
   write->req.data = write;
-  checkUv("send_msg", uv_write(&write->req, manager->stream_, &message->buffer, 1, OnWriteDone));
+  uv_buf_t rest =
+      uv_buf_init(payload.data() + sent, static_cast<unsigned int>(payload.size() - sent));
+  checkUv("send_msg", uv_write(&write->req, manager->stream_, &rest, 1, OnWriteDone));
 }
 
 bool readIdAndPayload(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::Value>& info,
@@ -94,7 +108,7 @@ void Send(const v8::FunctionCallbackInfo<v8::Value>& info) {
       // The answer would find nothing it could call.
       LogAndThrowError(isolate, kComponent, "_send: the callback must be a function");
     } else if (!refuseWithoutConnection(isolate, manager, "_send")) {
-      auto message = makeMessage(id, payload.c_str(), false);
+      auto message = makeMessage(id, std::move(payload), false);
       message->callback.Reset(isolate, info[2].As<v8::Function>());
       {
         std::lock_guard<std::mutex> lock(manager->pending_mutex_);

@@ -40,11 +40,13 @@ void SendSyncEventLoopRunner(NetworkManager* manager,
   }
   KeshLogger::logf(LogLevel::kDebug, kComponent, tc->vuser_id_,
                    "waiting for response from request id: %", message->id);
-  do {
+  // A written-only request whose bytes already left has nothing to wait for.
+  if (!message->wait_for_response && message->written) tc->sync_request_active_.store(false);
+  while (tc->sync_request_active_.load() && !tc->thread_stopping_.load()) {
     uv_run(tc->loop_, UV_RUN_DEFAULT);
     KeshLogger::logf(LogLevel::kDebug, kComponent, tc->vuser_id_,
                      "finished waiting for response from request %", message->id);
-  } while (tc->sync_request_active_.load() && !tc->thread_stopping_.load());
+  }
   tc->sync_request_active_.exchange(false);
   if (tc->thread_stopping_.load()) {
     // The nested run used up the stop; the loop that runs this script must see it too.
@@ -75,7 +77,7 @@ void SendSync(const v8::FunctionCallbackInfo<v8::Value>& info) {
                           "Couldn't convert SendSync message payload to string", &id, &payload)) {
       // thrown
     } else if (!refuseWithoutConnection(isolate, manager, "_sendSync")) {
-      auto message = makeMessage(id, payload.c_str(), true);
+      auto message = makeMessage(id, std::move(payload), true);
       try {
         SendSyncEventLoopRunner(manager, message);
         if (!manager->sync_failure_.IsEmpty()) {

@@ -78,6 +78,38 @@ Span responseTypeAt(std::string_view head, size_t at) {
   return p > begin ? Span{begin, p} : Span{};
 }
 
+struct HeaderSpans {
+  Span id;
+  Span socket;
+  Span type;
+};
+
+// The first match of a part at or after `from`, before the next line end; kNone without one.
+template <typename Matches>
+size_t firstBeforeLineEnd(std::string_view head, size_t from, Matches matches) {
+  for (size_t at = from; at < head.size() && !isLineEnd(head[at]); ++at) {
+    if (head[at] == '"' && matches(at)) return at;
+  }
+  return kNone;
+}
+
+// The answer when the first messageId, the first socketId after it and the first responseType
+// after that complete one another, which is what a well-formed line gives: one pass, no tables.
+// A backtracking matcher takes this same path first, so an answer here is its answer too.
+bool readFirstPath(std::string_view head, HeaderSpans* spans) {
+  size_t i = 0;
+  while (i < head.size() && (spans->id = messageIdAt(head, i)).end == 0) ++i;
+  if (i == head.size()) return false;
+  size_t j = firstBeforeLineEnd(head, spans->id.end,
+                                [&](size_t at) { return socketIdAt(head, at, &spans->socket); });
+  if (j == kNone) return false;
+  size_t k = firstBeforeLineEnd(head, spans->socket.end + 1, [&](size_t at) {
+    spans->type = responseTypeAt(head, at);
+    return spans->type.end != 0;
+  });
+  return k != kNone;
+}
+
 int32_t headerNumber(std::string_view digits, std::string_view line) {
   errno = 0;
   long long value = std::strtoll(std::string(digits).c_str(), nullptr, 10);
@@ -88,20 +120,31 @@ int32_t headerNumber(std::string_view digits, std::string_view line) {
   return static_cast<int32_t>(value);
 }
 
+MessageHeader headerOf(const HeaderSpans& spans, std::string_view line) {
+  auto text = [&](Span span) { return line.substr(span.begin, span.end - span.begin); };
+  MessageHeader header;
+  header.message_id_ = headerNumber(text(spans.id), line);
+  header.socket_id_.assign(text(spans.socket));
+  header.response_type_ = headerNumber(text(spans.type), line);
+  return header;
+}
+
 }  // namespace
 
 MessageHeader readMessageHeader(std::string_view line) {
   if (line.empty()) throw std::runtime_error("received response is empty");
   std::string_view head = line.substr(0, kHeaderSearchLength);
+  HeaderSpans first;
+  if (readFirstPath(head, &first)) return headerOf(first, line);
   const size_t n = head.size();
   // One pass from the end tells, for every position, where the next line end is and where the
   // next match of each later part begins that can still complete; the first messageId whose
   // continuation completes is then found in one pass from the front. This is the order in which
   // a backtracking matcher would accept, in linear time.
   std::array<size_t, kHeaderSearchLength + 1> lineEnd;
-  std::array<size_t, kHeaderSearchLength + 1> typeAt;       // next complete responseType
+  std::array<size_t, kHeaderSearchLength + 1> typeAt;  // next complete responseType
   std::array<Span, kHeaderSearchLength + 1> typeSpan;
-  std::array<size_t, kHeaderSearchLength + 1> socketAt;     // next socketId that completes
+  std::array<size_t, kHeaderSearchLength + 1> socketAt;  // next socketId that completes
   std::array<Span, kHeaderSearchLength + 1> socketSpan;
   lineEnd[n] = typeAt[n] = socketAt[n] = kNone;
   // `.*?` from `from` reaches `to` when no line end lies between them.
@@ -131,12 +174,7 @@ MessageHeader readMessageHeader(std::string_view line) {
     Span id = messageIdAt(head, i);
     if (id.end == id.begin || !reaches(id.end, socketAt[id.end])) continue;
     Span socket = socketSpan[id.end];
-    Span type = typeSpan[socket.end + 1];
-    MessageHeader header;
-    header.message_id_ = headerNumber(head.substr(id.begin, id.end - id.begin), line);
-    header.socket_id_.assign(head.substr(socket.begin, socket.end - socket.begin));
-    header.response_type_ = headerNumber(head.substr(type.begin, type.end - type.begin), line);
-    return header;
+    return headerOf({id, socket, typeSpan[socket.end + 1]}, line);
   }
   throw std::runtime_error("no message info found in response");
 }

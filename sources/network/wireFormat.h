@@ -41,8 +41,8 @@ MessageHeader readMessageHeader(std::string_view line);
 // Cuts lines out of a byte stream. Each received byte is looked at once, however a line is split
 // across reads, and a line longer than kMaxLineLength is skipped up to its end instead of kept.
 struct LineFramer {
-  std::string pending_;     // the start of a line whose end has not come yet
-  size_t discarding_ = 0;   // bytes of an over-long line skipped so far
+  std::string pending_;    // the start of a line whose end has not come yet
+  size_t discarding_ = 0;  // bytes of an over-long line skipped so far
 
   // onLine(std::string_view) for each complete line, in order; onOversized(size_t length) for
   // each line that was too long.

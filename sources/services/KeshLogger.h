@@ -43,8 +43,8 @@ class KeshLogger {
   v8::Global<v8::Function> callback_;
   std::mutex mutex_;
   std::deque<std::unique_ptr<LogRecord>> queue_;
-  size_t queued_bytes_ = 0;    // under mutex_
-  size_t dropped_lines_ = 0;   // under mutex_
+  size_t queued_bytes_ = 0;   // under mutex_
+  size_t dropped_lines_ = 0;  // under mutex_
 
   KeshLogger();
   ~KeshLogger();
@@ -57,8 +57,8 @@ class KeshLogger {
   // Whether a plain line at this level is produced: Debug and trace lines only at level debug,
   // so that a busy Vuser costs no line, no string and no wake-up of the main thread.
   static bool produces(LogLevel level) {
-    return level < LogLevel::kDebug ||
-           currentLogLevel.load(std::memory_order_relaxed) >= static_cast<int32_t>(LogLevel::kDebug);
+    return level < LogLevel::kDebug || currentLogLevel.load(std::memory_order_relaxed) >=
+                                           static_cast<int32_t>(LogLevel::kDebug);
   }
 
   static void log(LogLevel level, const char* component, uint32_t vuserId,

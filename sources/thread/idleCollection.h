@@ -16,5 +16,4 @@ inline constexpr uint64_t kHeapGrowthBeforeCollection = 1u << 20;
 // Vuser thread: arms the check on the Vuser's loop. The timer keeps no loop alive.
 void startIdleCollection(ThreadComponent* component);
 
-
 }  // namespace kesh

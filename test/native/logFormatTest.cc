@@ -63,28 +63,24 @@ TEST(DirectOutput, LinesFiltersAndTraceRules) {
   testing::internal::CaptureStdout();
   KeshLogger::log(LogLevel::kInfo, "NetworkManager", 7, "connected");
   KeshLogger::logf(LogLevel::kDebug, "timers", "dropped at info %", 1u);
-  KeshLogger::log(LogLevel::kTrace, "timers", "plain trace always shows");
-  KeshLogger::logf(LogLevel::kTrace, "timers", "formatted trace never shows");
+  KeshLogger::log(LogLevel::kTrace, "timers", "plain trace dropped at info");
+  KeshLogger::log(LogLevel::kDebug, "timers", std::string("plain debug dropped at info"));
   KeshLogger::logf(LogLevel::kWarning, "", 3u, "% of %", 2u, std::string("3"));
   KeshLogger::logRaw("custom", "Console", "raw text 100%%");
   currentLogLevel = static_cast<int32_t>(LogLevel::kDebug);
   KeshLogger::logf(LogLevel::kDebug, "timers", "now shown %", 2u);
+  KeshLogger::log(LogLevel::kTrace, "timers", "plain trace shown at debug");
+  KeshLogger::logf(LogLevel::kTrace, "timers", "formatted trace never shows");
+  currentLogLevel = static_cast<int32_t>(LogLevel::kError);
+  KeshLogger::log(LogLevel::kInfo, "timers", "plain info shows at any level");
   currentLogLevel = static_cast<int32_t>(LogLevel::kInfo);
   std::string out = testing::internal::GetCapturedStdout();
-  std::string tid = std::to_string(currentThreadId());
-  EXPECT_EQ(out, "[Info]: NetworkManager - (" + tid +
-                     ") Vuser [7] connected\n"
-                     "[trace]: timers - (" +
-                     tid +
-                     ") plain trace always shows\n"
-                     "[Warning]: (" +
-                     tid +
-                     ") Vuser [3] 2 of 3\n"
-                     "[custom]: Console - (" +
-                     tid +
-                     ") raw text 100%%\n"
-                     "[Debug]: timers - (" +
-                     tid + ") now shown 2\n");
+  std::string tid = "(" + std::to_string(currentThreadId()) + ") ";
+  EXPECT_EQ(out, "[Info]: NetworkManager - " + tid + "Vuser [7] connected\n" + "[Warning]: " + tid +
+                     "Vuser [3] 2 of 3\n" + "[custom]: Console - " + tid + "raw text 100%%\n" +
+                     "[Debug]: timers - " + tid + "now shown 2\n" + "[trace]: timers - " + tid +
+                     "plain trace shown at debug\n" + "[Info]: timers - " + tid +
+                     "plain info shows at any level\n");
 }
 
 }  // namespace

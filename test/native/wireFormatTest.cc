@@ -87,18 +87,40 @@ std::string normalised(const std::string& reference) {
   size_t b = reference.rfind('|');
   long long id = std::strtoll(reference.substr(0, a).c_str(), nullptr, 10);
   long long type = std::strtoll(reference.substr(b + 1).c_str(), nullptr, 10);
-  if (reference.size() - b > 12 || a > 12 || id < INT32_MIN || id > INT32_MAX ||
-      type > INT32_MAX) {
+  if (reference.size() - b > 12 || a > 12 || id < INT32_MIN || id > INT32_MAX || type > INT32_MAX) {
     return "range";
   }
   return std::to_string(id) + reference.substr(a, b - a + 1) + std::to_string(type);
 }
 
 TEST(MessageHeader, AgreesWithTheRegularExpressionOnRandomAndMutatedHeads) {
-  const std::vector<std::string> pieces = {
-      "\"messageId\":", "\"MessageID\":", "\"socketId\":", "\"SOCKETID\":", "\"responseType\":",
-      "\"responsetype\": ", "\"", "-", "7", "42", "0", "ws_1", "a", " ", "\t", "\r", ",", "{",
-      "}", ":", "x", "\"\"", "-x", "_", "\xc3\xa9", std::string(1, '\0'), "\n"};
+  const std::vector<std::string> pieces = {"\"messageId\":",
+                                           "\"MessageID\":",
+                                           "\"socketId\":",
+                                           "\"SOCKETID\":",
+                                           "\"responseType\":",
+                                           "\"responsetype\": ",
+                                           "\"",
+                                           "-",
+                                           "7",
+                                           "42",
+                                           "0",
+                                           "ws_1",
+                                           "a",
+                                           " ",
+                                           "\t",
+                                           "\r",
+                                           ",",
+                                           "{",
+                                           "}",
+                                           ":",
+                                           "x",
+                                           "\"\"",
+                                           "-x",
+                                           "_",
+                                           "\xc3\xa9",
+                                           std::string(1, '\0'),
+                                           "\n"};
   const std::string valid = R"({"messageId":12,"socketId":"ws-1","responseType":1,"d":"x"})";
   std::mt19937 random(20261123);
   for (int round = 0; round < 200000; ++round) {
