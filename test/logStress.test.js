@@ -20,3 +20,17 @@ test('lines of many native threads all reach the callback, each thread in order'
   // After close the logger writes to standard output again.
   assert.match(r.stdout, /\[Debug\]: KeshLogger - \(\d+\) Closed kesh logger async handle/);
 });
+
+test('a flood is delivered in slices and bounded: the loop runs on, drops are counted in Warning lines', () => {
+  const r = spawnSync(process.execPath, [path.join(__dirname, 'fixtures', 'logFlood.js')], {
+    encoding: 'utf8',
+    timeout: 90000,
+  });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const s = JSON.parse(r.stdout.split('\n').find((l) => l.startsWith('{')));
+  assert.strictEqual(s.received + s.dropped, 1000000, r.stdout);
+  assert.ok(s.dropped > 0 && s.warnings > 0, r.stdout);
+  assert.strictEqual(s.backwards, 0);
+  // One slice is a few milliseconds; a generous bound for a loaded machine.
+  assert.ok(s.stall < 500, `the runner's loop stalled ${s.stall} ms`);
+});

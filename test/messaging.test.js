@@ -155,3 +155,27 @@ test('a refused connection keeps the script waiting until the Vuser is stopped, 
   assert.match(r.stdout, /R returned\n/);
   assert.match(r.stdout, /failed connecting to Pelmare: connection refused/);
 });
+
+test('a busy Vuser costs no log line at level info; at debug its lines come as before', () => {
+  const script = path.join(scriptDir({
+    'busy.js': `
+      const req = (id) => JSON.stringify({ messageId: id, op: 'echo' }) + '\\n';
+      _initNetworking(args.port, '127.0.0.1');
+      _enableRunningAsyncCallbacks();
+      function burst() {
+        _sendSync(1000, req(1000));
+        const next = (id) => _send(id, req(id), () => (id < 50 ? next(id + 1) : console.log('B done')));
+        next(1);
+      }`,
+  }), 'busy.js');
+  const quiet = driveVuser(script, [['burst'], 100], { pelmare: true, level: 'info' });
+  assert.strictEqual(quiet.status, 0, quiet.stderr);
+  assert.match(quiet.stdout, /B done\n/);
+  assert.deepStrictEqual(quiet.lines.filter((l) => /^(Debug|trace) /.test(l)), []);
+  const loud = driveVuser(script, [['burst'], 100], { pelmare: true, level: 'debug' });
+  assert.match(loud.stdout, /B done\n/);
+  const count = (re) => loud.lines.filter((l) => re.test(l)).length;
+  assert.ok(count(/^Debug VuserThread - .* finished running async callback$/) >= 50);
+  assert.ok(count(/^trace VuserThread - .* execute async callbacks function$/) > 0);
+  assert.ok(count(/^Debug NetworkManager - .* waiting for response from request id: 1000$/) === 1);
+});

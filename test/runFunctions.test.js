@@ -133,3 +133,43 @@ test('requests for a Vuser never started, stopped, or gone', () => {
     'ERR Vuser [1] was never started', 'ok undefined', 'SHOW string "at once"', 'ok undefined',
     'ERR no active thread for Vuser id 1']);
 });
+
+test('memory: no collection forced while a Vuser is busy; its garbage goes once it is idle', async () => {
+  const { spawn } = require('node:child_process');
+  const script = path.join(scriptDir({
+    'garbage.js': `
+      let junk = [];
+      for (let i = 0; i < 300000; ++i) junk.push({ i, s: 'x' + i });
+      function busy() {}
+      function drop() { junk = null; }`,
+  }), 'garbage.js');
+  // V8's own trace names each full collection and, for ours, its reason.
+  const child = spawn(process.execPath, ['--trace-gc', '-e', `
+    const k = require(${JSON.stringify(path.join(__dirname, '..'))});
+    k.onLogMessage(() => {});
+    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+    k.createKeshThread(1, ${JSON.stringify(script)}, '{}');
+    k.startKeshThread(1).then(async () => {
+      console.log('PHASE busy');
+      for (let i = 0; i < 40; ++i) { k.runFunctionFromScript(1, 'busy', ''); await sleep(25); }
+      console.log('PHASE idle');
+      k.runFunctionFromScript(1, 'drop', '');
+      process.stdin.once('data', () => { k.stopKeshThread(1); k.destroyKeshThreads(); process.exit(0); });
+    });`], { stdio: ['pipe', 'pipe', 'inherit'] });
+  let out = '';
+  const done = await new Promise((resolve) => {
+    const deadline = setTimeout(() => resolve(false), 10000);
+    child.stdout.on('data', (d) => {
+      out += d;
+      if (/PHASE idle[\s\S]*low memory notification/.test(out)) {
+        clearTimeout(deadline);
+        resolve(true);
+      }
+    });
+  });
+  child.stdin.end('stop\n');
+  await new Promise((r) => child.once('exit', r));
+  assert.ok(done, `no collection after the Vuser went idle:\n${out}`);
+  const busy = out.slice(out.indexOf('PHASE busy'), out.indexOf('PHASE idle'));
+  assert.doesNotMatch(busy, /Mark-Compact/, 'a full collection while the Vuser was busy');
+});
