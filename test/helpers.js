@@ -10,7 +10,8 @@ const modulePath = path.join(__dirname, '..');
 
 function scenario(body, { timeout = 30000 } = {}) {
   const code = `const k = require(${JSON.stringify(modulePath)});\n${body}`;
-  const r = spawnSync(process.execPath, ['-e', code], { encoding: 'utf8', timeout });
+  // A Vuser's loop may wake thousands of times on a busy machine, each wake a trace line.
+  const r = spawnSync(process.execPath, ['-e', code], { encoding: 'utf8', timeout, maxBuffer: 256 * 1024 * 1024 });
   return { status: r.status, signal: r.signal, stdout: r.stdout, stderr: r.stderr };
 }
 
