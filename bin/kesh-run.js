@@ -184,7 +184,8 @@ async function main() {
       const draw = () => {
         flushLog();
         if (tty) {
-          out.write(`\r\x1b[K${statusLine(run.result)}`);
+          // Cut to the terminal's width: a wrapped line could not be redrawn in place.
+          out.write(`\r\x1b[K${statusLine(run.result).slice(0, Math.max(20, (out.columns || 200) - 1))}`);
           statusShown = true;
         } else {
           print(statusLine(run.result));
@@ -206,7 +207,13 @@ async function main() {
   print(summary);
   if (values.json !== undefined) {
     const json = { ...result.toJSON(), passed: verdict.passed, problems: verdict.problems, maxErrorsPercent: maxErrors };
-    fs.writeFileSync(values.json, `${JSON.stringify(json)}\n`);
+    try {
+      fs.writeFileSync(values.json, `${JSON.stringify(json)}\n`);
+    } catch (err) {
+      print(`kesh-run: cannot write the JSON: ${err.message}`);
+      process.exitCode = 1;
+      return;
+    }
   }
   flushLog();
   process.exitCode = result.interrupted ? 130 : verdict.passed ? 0 : 1;
