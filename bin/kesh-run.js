@@ -1,15 +1,25 @@
 #!/usr/bin/env node
-// Starts Vusers of one script, prints every log line, and stops them all cleanly.
+// Runs a load: Vusers of one script against the service, a progress line while they run, and a
+// summary (and JSON) of what they measured. Exit code 0 only when the run passed.
 'use strict';
+const fs = require('node:fs');
 const path = require('node:path');
 const { parseArgs } = require('node:util');
+const { LoadRun, judge, levelNames, levelRank, resolveService, defaultScript } = require('../lib/runner');
+const { statusLine, summaryText } = require('../lib/results');
 
-const usage = `usage: kesh-run [options] <script.js>
-  --vusers N        Vusers to start (default 3)
+const usage = `usage: kesh-run [options] [script.js]      (default script: examples/load.js)
+  --vusers N        Vusers to start (default 10)
   --first-id N      id of the first Vuser (default 1)
-  --args JSON       argument text given to every Vuser (default {})
-  --seconds S       how long they run once started (default 1)
-  --log-level L     error, warning, info or debug (default info)
+  --seconds S       how long the load runs once every Vuser has started (default 10)
+  --ramp S          start the Vusers evenly over S seconds (default 0: all at once)
+  --service H:P     the service to load (default: the stand-in, started here on a free port)
+  --args JSON       object given to every Vuser as \`args\`; the runner adds \`service\` {host, port}
+  --max-errors P    highest error rate, in percent of requests, that still passes (default 0)
+  --json FILE       write the result as JSON to FILE
+  --log-level L     log lines shown: error, warning, info, debug or trace (default info)
+  --log-file FILE   keep every log line, whatever the level, in FILE
+  --quiet           no progress line
   --run NAME        script function that every Vuser runs while they run
   --param TEXT      parameter text of that function (JSON or plain text)
   --every MS        how often it runs (default 250)`;
@@ -24,11 +34,17 @@ try {
   options = parseArgs({
     allowPositionals: true,
     options: {
-      vusers: { type: 'string', default: '3' },
+      vusers: { type: 'string', default: '10' },
       'first-id': { type: 'string', default: '1' },
+      seconds: { type: 'string', default: '10' },
+      ramp: { type: 'string', default: '0' },
+      service: { type: 'string' },
       args: { type: 'string', default: '{}' },
-      seconds: { type: 'string', default: '1' },
+      'max-errors': { type: 'string', default: '0' },
+      json: { type: 'string' },
       'log-level': { type: 'string', default: 'info' },
+      'log-file': { type: 'string' },
+      quiet: { type: 'boolean', default: false },
       run: { type: 'string' },
       param: { type: 'string', default: '' },
       every: { type: 'string', default: '250' },
@@ -43,46 +59,167 @@ if (values.help) {
   console.log(usage);
   process.exit(0);
 }
-if (positionals.length !== 1) fail('expected exactly one script');
+if (positionals.length > 1) fail('expected at most one script');
+const script = positionals.length ? positionals[0] : path.relative(process.cwd(), defaultScript) || defaultScript;
 const count = Number(values.vusers);
 const firstId = Number(values['first-id']);
 const seconds = Number(values.seconds);
+const ramp = Number(values.ramp);
+const every = Number(values.every);
+const maxErrors = Number(String(values['max-errors']).replace(/%$/, ''));
 if (!Number.isInteger(count) || count < 1) fail('--vusers must be a positive integer');
 if (!Number.isInteger(firstId) || firstId < 0 || firstId + count > 0xffffffff) {
   fail('--first-id must leave room for the Vuser ids below 4294967295');
 }
 if (!(seconds >= 0)) fail('--seconds must be a number of seconds');
-const every = Number(values.every);
+if (!(ramp >= 0)) fail('--ramp must be a number of seconds');
 if (!(every > 0)) fail('--every must be a positive number of milliseconds');
-
-const kesh = require(path.join(__dirname, '..'));
-kesh.onLogMessage((line, level) => console.log(`[${level}] ${line}`));
-kesh.setLogLevel(values['log-level']);
-
-const ids = Array.from({ length: count }, (_, i) => firstId + i);
+if (!(maxErrors >= 0 && maxErrors <= 100)) fail('--max-errors must be a percentage from 0 to 100');
+const shownRank = levelNames.indexOf(values['log-level']);
+if (shownRank === -1) fail(`--log-level must be one of ${levelNames.join(', ')}`);
+let args;
 try {
-  for (const id of ids) kesh.createKeshThread(id, positionals[0], values.args);
+  args = JSON.parse(values.args);
 } catch (e) {
-  console.error(`kesh-run: ${e.message}`);
-  kesh.destroyKeshThreads();
-  process.exit(1);
+  fail(`--args is no JSON: ${e.message}`);
+}
+if (args === null || typeof args !== 'object' || Array.isArray(args)) fail('--args must be a JSON object');
+
+// Output: log lines and the summary on standard output; the progress line on it too, redrawn in
+// place on a terminal and printed every few seconds on a pipe.
+const out = process.stdout;
+const tty = out.isTTY === true;
+let statusShown = false;
+function clearStatus() {
+  if (!statusShown) return;
+  out.write('\r\x1b[K');
+  statusShown = false;
+}
+function print(text) {
+  clearStatus();
+  out.write(`${text}\n`);
 }
 
-Promise.allSettled(ids.map((id) => kesh.startKeshThread(id))).then((results) => {
-  const failed = results.filter((r) => r.status === 'rejected');
-  for (const r of failed) console.error(`kesh-run: ${r.reason}`);
-  console.log(`kesh-run: ${results.length - failed.length} of ${ids.length} Vusers started`);
-  const runs = values.run === undefined ? null : setInterval(() => {
-    for (const id of ids) kesh.runFunctionFromScript(id, values.run, values.param);
-  }, every);
-  setTimeout(() => {
-    clearInterval(runs);
-    for (const id of ids) kesh.stopKeshThread(id);
-    console.log(`kesh-run: ${ids.length} Vusers stopped`);
-    // Lines logged while stopping reach the callback on the next turn.
-    setImmediate(() => {
-      kesh.destroyKeshThreads();
-      process.exitCode = failed.length === 0 ? 0 : 1;
-    });
-  }, seconds * 1000);
+// The log file takes every line, in chunks; what is left is written at exit, however it comes.
+let logFd = null;
+let logChunks = [];
+let logBytes = 0;
+function flushLog() {
+  if (logFd === null || logChunks.length === 0) return;
+  fs.writeSync(logFd, logChunks.join(''));
+  logChunks = [];
+  logBytes = 0;
+}
+function keep(level, text) {
+  if (logFd === null) return;
+  const entry = `${new Date().toISOString()} [${level}] ${text}\n`;
+  logChunks.push(entry);
+  logBytes += entry.length;
+  if (logBytes > 1 << 16) flushLog();
+}
+if (values['log-file'] !== undefined) {
+  try {
+    logFd = fs.openSync(values['log-file'], 'w');
+  } catch (e) {
+    fail(`cannot open the log file: ${e.message}`);
+  }
+  process.on('exit', flushLog);
+}
+
+function say(text) {
+  keep('Info', `kesh-run - ${text}`);
+  print(`kesh-run: ${text}`);
+}
+
+function onLine(level, text) {
+  keep(level, text);
+  if (levelRank(level) <= shownRank) print(`[${level}] ${text}`);
+}
+
+async function main() {
+  let service = null;
+  try {
+    if (values.service !== undefined) service = await resolveService(values.service);
+  } catch (err) {
+    fail(err.message);
+  }
+  let progress = null;
+  const stopProgress = () => {
+    clearInterval(progress);
+    progress = null;
+    clearStatus();
+  };
+  const run = new LoadRun({
+    script, vusers: count, firstId, args, seconds, rampSeconds: ramp, service,
+    // The add-on is asked for what is shown, or for everything when a file keeps it.
+    addonLogLevel: logFd !== null ? 'debug' : levelNames[Math.min(shownRank, 3)],
+    serviceLog: logFd !== null || shownRank === 4,
+    run: values.run, param: values.param, everyMs: every,
+  }, {
+    onLine,
+    onStopping: () => {
+      stopProgress();
+      process.off('SIGINT', interrupt);
+      process.off('SIGTERM', interrupt);
+    },
+  });
+
+  // The first Ctrl-C stops the run. The stop takes our handlers away, so that the next one
+  // ends the process at once, even while a Vuser that never yields holds the stop.
+  const interrupt = (signal) => {
+    say(`${signal}: stopping the Vusers (Ctrl-C again quits at once)`);
+    run.stop({ interrupted: true });
+  };
+  process.on('SIGINT', interrupt);
+  process.on('SIGTERM', interrupt);
+
+  try {
+    await run.start();
+    const { service: where } = run.result;
+    if (!run.stopPromise) {
+      say(`${count} Vusers of ${script} against ${where.embedded ? 'the stand-in service on ' : ''}` +
+        `${where.host}:${where.port}, ${ramp ? `ramp ${ramp} s, then ` : ''}${seconds} s`);
+    }
+    if (!values.quiet && !run.stopPromise) {
+      const draw = () => {
+        flushLog();
+        if (tty) {
+          // Cut to the terminal's width: a wrapped line could not be redrawn in place.
+          out.write(`\r\x1b[K${statusLine(run.result).slice(0, Math.max(20, (out.columns || 200) - 1))}`);
+          statusShown = true;
+        } else {
+          print(statusLine(run.result));
+        }
+      };
+      progress = setInterval(draw, tty ? 250 : 2000);
+    }
+  } catch (err) {
+    await run.stop();
+    print(`kesh-run: ${err.message}`);
+    process.exitCode = 1;
+    return;
+  }
+
+  const result = await run.finished;
+  const verdict = judge(result, { maxErrorsPercent: maxErrors });
+  const summary = summaryText(result, verdict.passed ? 'passed' : `failed: ${verdict.problems.join('; ')}`);
+  keep('Info', summary);
+  print(summary);
+  if (values.json !== undefined) {
+    const json = { ...result.toJSON(), passed: verdict.passed, problems: verdict.problems, maxErrorsPercent: maxErrors };
+    try {
+      fs.writeFileSync(values.json, `${JSON.stringify(json)}\n`);
+    } catch (err) {
+      print(`kesh-run: cannot write the JSON: ${err.message}`);
+      process.exitCode = 1;
+      return;
+    }
+  }
+  flushLog();
+  process.exitCode = result.interrupted ? 130 : verdict.passed ? 0 : 1;
+}
+
+main().catch((err) => {
+  print(`kesh-run: ${err.stack || err.message}`);
+  process.exitCode = 1;
 });

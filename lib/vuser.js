@@ -5,9 +5,41 @@
 //   const pelmare = keshRequire('<path of this file>');
 //   pelmare.connect(port);
 //   const answer = await pelmare.send({ op: 'echo', data: 1 });
+//   await pelmare.measure('echo', () => pelmare.send({ op: 'echo' }));   // counted by kesh-run
+
+const requestReport = require('./requestReport.js');
 
 let nextId = 0;
 let connected = false;
+
+const now = typeof performance === 'object' ? () => performance.now() : () => Date.now();
+
+// A failed request, with the kind under which the runner counts it ("check", "timeout", ...).
+class RequestError extends Error {
+  constructor(kind, message) {
+    super(message);
+    this.name = 'RequestError';
+    this.kind = kind;
+  }
+}
+
+// Requests with a time-out, by message id. One repeating timer checks them all, rather than a
+// timer per request: every timer keeps its record for the Vuser's life.
+const deadlines = new Map();
+let sweeper = null;
+
+function sweep() {
+  const time = now();
+  for (const [messageId, waiting] of deadlines) {
+    if (waiting.at > time) continue;
+    deadlines.delete(messageId);
+    waiting.reject(new RequestError('timeout', `no answer within ${waiting.ms} ms`));
+  }
+}
+
+function report(kind, ms, error) {
+  keshConsole(requestReport.format(kind, ms, error), 'Info');
+}
 
 // Ids the library chooses: positive, 32-bit, and not reused before two billion requests.
 function takeId() {
@@ -34,10 +66,23 @@ module.exports = {
     return connected;
   },
 
-  // A promise of the parsed answer (undefined when the answer is no JSON).
-  send(payload) {
+  // A promise of the parsed answer (undefined when the answer is no JSON). With `timeoutMs`, it
+  // rejects with a RequestError of kind "timeout" when no answer came in time (checked every
+  // 50 ms, so it may be that much late).
+  send(payload, { timeoutMs } = {}) {
     const { messageId, text } = frame(payload);
-    return new Promise((resolve) => _send(messageId, text, resolve));
+    return new Promise((resolve, reject) => {
+      if (timeoutMs === undefined) {
+        _send(messageId, text, resolve);
+        return;
+      }
+      deadlines.set(messageId, { at: now() + timeoutMs, ms: timeoutMs, reject });
+      if (sweeper === null) sweeper = _setTimer(true, sweep, 50);
+      _send(messageId, text, (answer) => {
+        deadlines.delete(messageId);
+        resolve(answer);
+      });
+    });
   },
 
   // The parsed answer, as the plain result; the script waits for it.
@@ -60,9 +105,13 @@ module.exports = {
   // Opens a socket that the service holds for this script. `onMessage` gets each of its lines,
   // parsed, or as text when it is no JSON. The service's close line closes it here too.
   async openSocket(socketId, onMessage) {
+    let closing = false;
     const closed = _registerNewBareSocket(socketId, (line) => {
       if (line !== null && typeof line === 'object' && line.event === 'close') {
-        _disconnectBareSocket(socketId, line);
+        // After our own close the service's close line only ends the registration: had it
+        // ended before, the line would find no callback.
+        if (closing) _unRegisterNewBareSocket(socketId);
+        else _disconnectBareSocket(socketId, line);
       } else {
         onMessage(line);
       }
@@ -82,9 +131,11 @@ module.exports = {
       release: (error) => _stopBareSocket(socketId, error !== undefined, error),
       waitForClose: (timeoutMs = -1) => _waitForBareSocketClosure(socketId, timeoutMs),
       async close() {
-        await module.exports.send({ op: 'socketClose', socketId });
+        closing = true;
+        const closeAnswer = await module.exports.send({ op: 'socketClose', socketId });
         const value = await _disconnectBareSocket(socketId, 'closed by the script');
-        _unRegisterNewBareSocket(socketId);
+        // No close line follows a refused close.
+        if (closeAnswer && closeAnswer.error) _unRegisterNewBareSocket(socketId);
         return value;
       },
     };
@@ -93,5 +144,44 @@ module.exports = {
   // A promise resolved after `ms` milliseconds, on the Vuser's own timers.
   sleep(ms) {
     return _waitForTimer(_setTimer(false, () => {}, ms));
+  },
+
+  // Milliseconds from an arbitrary start, with a fraction.
+  now,
+
+  RequestError,
+
+  // Throws a RequestError of kind "check" unless `condition` holds.
+  check(condition, message) {
+    if (!condition) throw new RequestError('check', message);
+  },
+
+  // Tells kesh-run that a request of `kind` took `ms`, and failed with an error of kind `error`
+  // when one is given.
+  report,
+
+  // Runs `request` and reports it under `kind`: its time until it returned or, for a promise,
+  // until that settled. A throw or rejection is reported as an error of the error's own `kind`
+  // (RequestError) or "exception", and passed on. Returns what `request` returned.
+  measure(kind, request) {
+    const started = now();
+    const failed = (error) => {
+      report(kind, now() - started, (error && typeof error.kind === 'string' && error.kind) || 'exception');
+      throw error;
+    };
+    let result;
+    try {
+      result = request();
+    } catch (error) {
+      failed(error);
+    }
+    if (result !== null && typeof result === 'object' && typeof result.then === 'function') {
+      return result.then((value) => {
+        report(kind, now() - started);
+        return value;
+      }, failed);
+    }
+    report(kind, now() - started);
+    return result;
   },
 };

@@ -1,30 +1,166 @@
 'use strict';
+// kesh-run as a person runs it: a child process, its printed summary, its JSON and exit code.
 const test = require('node:test');
 const assert = require('node:assert');
-const { spawnSync } = require('node:child_process');
+const { spawn } = require('node:child_process');
+const fs = require('node:fs');
 const path = require('node:path');
 const { scriptDir } = require('./helpers');
+const pelmare = require('../tools/pelmare');
 
-const runner = path.join(__dirname, '..', 'bin', 'kesh-run.js');
-const run = (...args) => spawnSync(process.execPath, [runner, ...args], { encoding: 'utf8', timeout: 30000 });
+const root = path.join(__dirname, '..');
+const runner = path.join(root, 'bin', 'kesh-run.js');
+const lib = JSON.stringify(path.join(root, 'lib', 'vuser.js'));
+const dir = scriptDir({
+  // Vuser 2 cannot start; the others report one good and one failed request.
+  'mixed.js': `const kesh = keshRequire(${lib}, __dirname);
+    if (vuser_id === '2') throw new Error('no start for 2');
+    kesh.report('good', 1.5);
+    kesh.report('bad', 2.5, 'check');`,
+  // measure() counts time-outs and throws by kind.
+  'kinds.js': `const kesh = keshRequire(${lib}, __dirname);
+    kesh.connect(args.service.port, args.service.host);
+    kesh.measure('late', () => kesh.send({ op: 'silent' }, { timeoutMs: 100 })).catch(() => {});
+    try { kesh.measure('throws', () => { throw new TypeError('x'); }); } catch {}
+    kesh.measure('echo', () => kesh.send({ op: 'echo' }, { timeoutMs: 1000 }));`,
+  'ends.js': `_enableRunningAsyncCallbacks(); _setTimer(false, () => process.exit(3), 50);`,
+  'stamps.js': `keshConsole('started at ' + Date.now(), 'Info');`,
+  'spins.js': `function spin() { keshConsole('spinning', 'Info'); for (;;) {} }`,
+});
 
-test('the example runner starts, shows and stops its Vusers, and reports failures by exit code', () => {
-  const ok = run('--vusers', '3', '--log-level', 'debug', '--seconds', '0.5', '--args', '{"n":1}', '--run', 'step',
-    '--param', '{"page":"a"}', '--every', '100', path.join(__dirname, '..', 'examples', 'hello.js'));
-  assert.strictEqual(ok.status, 0, ok.stderr);
-  for (const id of [1, 2, 3]) {
-    assert.match(ok.stdout, new RegExp(`\\[Info\\] \\(\\d+\\) Vuser ${id} started with args \\{"n":1\\}`));
-    assert.match(ok.stdout, new RegExp(`Vuser \\[${id}\\] finished thread execution`));
-    assert.match(ok.stdout, new RegExp(`Vuser ${id} step 2 with \\{"page":"a"\\} done after`));
+// Starts kesh-run; `exited` settles with { code, signal, stdout }, `waitFor(re)` when stdout matches.
+function start(args) {
+  const child = spawn(process.execPath, [runner, ...args], { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
+  let stdout = '';
+  let stderr = '';
+  child.stdout.on('data', (chunk) => { stdout += chunk; });
+  child.stderr.on('data', (chunk) => { stderr += chunk; });
+  const exited = new Promise((resolve) => child.on('close', (code, signal) => resolve({ code, signal, stdout, stderr })));
+  const waitFor = async (pattern, deadlineMs = 15000) => {
+    const deadline = Date.now() + deadlineMs;
+    while (!pattern.test(stdout)) {
+      if (Date.now() > deadline) throw new Error(`no ${pattern} in:\n${stdout}\n${stderr}`);
+      if (child.exitCode !== null || child.signalCode !== null) throw new Error(`exited before ${pattern}:\n${stdout}\n${stderr}`);
+      await new Promise((resolve) => setTimeout(resolve, 20));
+    }
+  };
+  return { child, exited, waitFor };
+}
+
+const run = (...args) => start(args).exited;
+const figure = (stdout, label) => new RegExp(`^  ${label} +(.*)$`, 'm').exec(stdout)?.[1];
+const tmpFile = (name) => path.join(dir, name);
+
+test('npm start: the default load passes, and its JSON agrees with the printed summary', async () => {
+  const start = JSON.parse(fs.readFileSync(path.join(root, 'package.json'), 'utf8')).scripts.start;
+  const command = start.split('&&').pop().trim().split(/\s+/);
+  assert.deepStrictEqual(command.slice(0, 2), ['node', 'bin/kesh-run.js']);
+  const json = tmpFile('start.json');
+  const r = await run(...command.slice(2), '--seconds', '1', '--json', json);
+  assert.strictEqual(r.code, 0, r.stdout + r.stderr);
+  assert.match(figure(r.stdout, 'Vusers'), /^10 of 10 started, 0 failed$/);
+  const requests = Number(/^(\d+), /.exec(figure(r.stdout, 'requests'))[1]);
+  assert.ok(requests > 0, r.stdout);
+  assert.strictEqual(figure(r.stdout, 'errors'), '0 (0.00%)');
+  assert.strictEqual(figure(r.stdout, 'result'), 'passed');
+  // At the default level no Debug or trace line is shown, whatever the add-on delivers.
+  assert.doesNotMatch(r.stdout, /^\[(Debug|trace)\] /m);
+
+  const result = JSON.parse(fs.readFileSync(json, 'utf8'));
+  assert.strictEqual(result.version, 1);
+  assert.strictEqual(result.passed, true);
+  assert.strictEqual(result.requests, requests);
+  assert.strictEqual(result.errors.total, 0);
+  assert.deepStrictEqual(result.vusers, { planned: 10, started: 10, failedToStart: 0, endedEarly: 0, failed: 0 });
+  assert.deepStrictEqual(Object.keys(result.kinds), ['browse', 'feed', 'search', 'signIn']);
+  const kindSum = Object.values(result.kinds).reduce((sum, k) => sum + k.requests, 0);
+  assert.strictEqual(kindSum, requests);
+  const histogramCount = result.histograms.all.buckets.reduce((sum, [, n]) => sum + n, 0);
+  assert.strictEqual(histogramCount, requests);
+  const shown = (v) => (v >= 100 ? v.toFixed(0) : v >= 10 ? v.toFixed(1) : v.toFixed(2));
+  const { p50, p90, p99, max } = result.latencyMs;
+  assert.strictEqual(figure(r.stdout, 'latency'), `p50 ${shown(p50)} ms, p90 ${shown(p90)} ms, p99 ${shown(p99)} ms, max ${shown(max)} ms`);
+  assert.ok(p50 <= p90 && p90 <= p99 && p99 <= max);
+  assert.match(figure(r.stdout, 'requests'), new RegExp(`/s$`));
+  assert.ok(result.cpu.perRequestMs > 0);
+});
+
+test('--service loads a running service; --log-level hides and --log-file keeps', async () => {
+  const service = await pelmare.start();
+  try {
+    const log = tmpFile('run.log');
+    const r = await run('--service', `127.0.0.1:${service.port}`, '--vusers', '2', '--seconds', '0.5',
+      '--log-level', 'warning', '--log-file', log, 'examples/load.js');
+    assert.strictEqual(r.code, 0, r.stdout + r.stderr);
+    assert.match(figure(r.stdout, 'script'), new RegExp(`against 127\\.0\\.0\\.1:${service.port}$`));
+    const requests = Number(/^(\d+), /.exec(figure(r.stdout, 'requests'))[1]);
+    // Each feed also opens, pushes to and closes a socket; the probe connection sends nothing.
+    assert.ok(requests > 0 && service.requests.length >= requests, `${requests} ${service.requests.length}`);
+    assert.doesNotMatch(r.stdout, /^\[(Info|Debug|trace)\] /m);
+    const kept = fs.readFileSync(log, 'utf8');
+    assert.match(kept, /\[Debug\] VuserThread - \(\d+\) Vuser \[2\] Started thread/);
+    assert.match(kept, /\[Info\] kesh-run: summary/);
+    assert.doesNotMatch(kept, /kesh:request/);
+  } finally {
+    await service.close();
   }
-  assert.match(ok.stdout, /3 of 3 Vusers started/);
+  const refused = await run('--service', '127.0.0.1:1', '--seconds', '0');
+  assert.strictEqual(refused.code, 1);
+  assert.match(refused.stdout, /cannot reach the service at 127\.0\.0\.1:1/);
+});
 
-  const dir = scriptDir({ 'bad.js': 'throw 1;' });
-  const bad = run('--vusers', '2', '--seconds', '0', path.join(dir, 'bad.js'));
-  assert.strictEqual(bad.status, 1);
-  assert.match(bad.stdout, /0 of 2 Vusers started/);
-  assert.match(bad.stderr, /Vuser \[2\] thread fail to start/);
+test('the exit code fails a run whose Vusers fail or whose errors pass --max-errors', async () => {
+  const [mixed, tolerated, kinds, ends, missing, usage] = await Promise.all([
+    run('--vusers', '3', '--seconds', '0', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')),
+    run('--vusers', '1', '--seconds', '0', '--max-errors', '50', tmpFile('mixed.js')),
+    run('--vusers', '1', '--seconds', '0.4', tmpFile('kinds.js')),
+    run('--vusers', '2', '--seconds', '0.3', tmpFile('ends.js')),
+    run(tmpFile('missing.js')),
+    run('--vusers', '0'),
+  ]);
+  assert.strictEqual(mixed.code, 1, mixed.stdout);
+  assert.match(mixed.stdout, /Vuser \[2\] failed during script initialization .*no start for 2/);
+  assert.strictEqual(figure(mixed.stdout, 'Vusers'), '2 of 3 started, 1 failed');
+  assert.strictEqual(figure(mixed.stdout, 'errors'), '2 (50.00%): check 2');
+  assert.strictEqual(figure(mixed.stdout, 'result'),
+    'failed: 1 of 3 Vusers failed to start; error rate 50.00% above --max-errors 0%');
+  const json = JSON.parse(fs.readFileSync(tmpFile('mixed.json'), 'utf8'));
+  assert.deepStrictEqual([json.requests, json.errors.byKind, json.kinds.bad.errors, json.passed], [4, { check: 2 }, 2, false]);
 
-  assert.strictEqual(run(path.join(dir, 'missing.js')).status, 1);
-  assert.strictEqual(run('--vusers', '0', 'x.js').status, 2);
+  assert.strictEqual(tolerated.code, 0, tolerated.stdout);
+  assert.strictEqual(kinds.code, 1, kinds.stdout);
+  assert.strictEqual(figure(kinds.stdout, 'errors'), '2 (66.67%): exception 1, timeout 1');
+  assert.strictEqual(ends.code, 1, ends.stdout);
+  assert.strictEqual(figure(ends.stdout, 'Vusers'), '2 of 2 started, 2 failed (2 ended early)');
+  assert.doesNotMatch(ends.stdout, /blocked another closing request/);
+  assert.strictEqual(missing.code, 1);
+  assert.match(missing.stdout, /script file not found/);
+  assert.strictEqual(usage.code, 2);
+});
+
+test('--ramp starts the Vusers evenly over its time', async () => {
+  const r = await run('--vusers', '4', '--ramp', '0.8', '--seconds', '0', tmpFile('stamps.js'));
+  assert.strictEqual(r.code, 0, r.stdout);
+  const stamps = [...r.stdout.matchAll(/started at (\d+)/g)].map((m) => Number(m[1])).sort();
+  assert.strictEqual(stamps.length, 4);
+  const gaps = stamps.slice(1).map((t, i) => t - stamps[i]);
+  assert.ok(gaps.every((gap) => gap > 100 && gap < 450), gaps.join());
+});
+
+test('Ctrl-C stops every Vuser and prints the summary so far; a second one quits at once', async () => {
+  const load = start(['--vusers', '3', '--seconds', '60']);
+  await load.waitFor(/^ +\d+\.\d s {2}Vusers 3\/3 started, 3 running, 0 failed \| [1-9]\d* requests/m);
+  load.child.kill('SIGINT');
+  const r = await load.exited;
+  assert.strictEqual(r.code, 130, r.stdout);
+  assert.match(r.stdout, /kesh-run: summary \(interrupted\)/);
+  assert.ok(Number(/^(\d+), /.exec(figure(r.stdout, 'requests'))[1]) > 0);
+
+  // A Vuser that never yields holds the stop; the second Ctrl-C does not wait for it.
+  const stuck = start(['--vusers', '1', '--seconds', '60', '--run', 'spin', '--every', '20', tmpFile('spins.js')]);
+  await stuck.waitFor(/spinning/);
+  stuck.child.kill('SIGINT');
+  await stuck.waitFor(/stopping the Vusers/);
+  stuck.child.kill('SIGINT');
+  assert.strictEqual((await stuck.exited).signal, 'SIGINT');
 });

@@ -56,13 +56,18 @@ const dir = scriptDir({
       const next = _setTimer(false, () => {}, 100000);
       say('ids count up', next === id + 1);
     }
+    // Node's own timers would throw an unrelated error or crash the host; each names its stand-in.
+    function nodeTimers() {
+      for (const f of [setTimeout, setInterval, setImmediate]) attempt(f.name, () => f(() => say('node timer ran'), 1));
+      _setTimer(false, () => say('Vuser goes on'), 1);
+    }
     function firstId() { say('first id', _setTimer(false, () => {}, 100000)); }`,
 });
 
 test('timers: firing, settling, clearing, and every refusal', () => {
   const r = driveVuser(path.join(dir, 'timers.js'), [
     ['firstId'], ['oneShot'], ['repeating'], 60, ['stopRepeating'], 60,
-    ['doubleClear'], 20, ['clearFired'], 40, ['clearAll'], 40, ['badInput'], 40,
+    ['doubleClear'], 20, ['clearFired'], 40, ['clearAll'], 40, ['badInput'], 40, ['nodeTimers'], 40,
   ]);
   assert.strictEqual(r.status, 0, r.stderr);
   const said = r.stdout.split('\n').filter((l) => l.startsWith('T ')).map((l) => l.slice(2));
@@ -86,6 +91,10 @@ test('timers: firing, settling, clearing, and every refusal', () => {
     'symbol timeout TypeError Cannot convert a Symbol value to a number',
     'ids count up true',
     'text timeout fired',
+    'setTimeout Error setTimeout is not available in a Vuser: use _setTimer(false, callback, ms), or sleep(ms) of lib/vuser.js',
+    'setInterval Error setInterval is not available in a Vuser: use _setTimer(true, callback, ms)',
+    'setImmediate Error setImmediate is not available in a Vuser: use _setTimer(false, callback, 0)',
+    'Vuser goes on',
   ]);
   // Second settles of a doubly cleared, a fired-then-cleared and a closed timer fail in the queue.
   const failed = r.lines.filter((l) => /Exception during async callback: .*Cannot resolve timer promise due to error/.test(l));

@@ -200,6 +200,36 @@ void WaitForTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
   });
 }
 
+// Node's own timer globals lean on parts of the host that a Vuser's environment never sets up:
+// setTimeout and setInterval throw an unrelated TypeError, and setImmediate crashes the process.
+// They are replaced by functions that say what to use instead.
+void RefuseNodeTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
+  v8::Isolate* isolate = info.GetIsolate();
+  isolate->ThrowException(v8::Exception::Error(info.Data().As<v8::String>()));
+}
+
+void InstallNodeTimerGuards(v8::Isolate* isolate, v8::Local<v8::Object> target) {
+  static const char* const kGuards[][2] = {
+      {"setTimeout", "_setTimer(false, callback, ms), or sleep(ms) of lib/vuser.js"},
+      {"setInterval", "_setTimer(true, callback, ms)"},
+      {"setImmediate", "_setTimer(false, callback, 0)"},
+  };
+  v8::HandleScope scope(isolate);
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  for (const auto& guard : kGuards) {
+    std::string text = std::string(guard[0]) + " is not available in a Vuser: use " + guard[1];
+    v8::Local<v8::String> name = ToV8String(isolate, guard[0]);
+    v8::Local<v8::Function> function;
+    if (!v8::Function::New(context, RefuseNodeTimer, ToV8String(isolate, text), 0,
+                           v8::ConstructorBehavior::kThrow)
+             .ToLocal(&function)) {
+      continue;
+    }
+    function->SetName(name);
+    target->CreateDataProperty(context, name, function).IsJust();
+  }
+}
+
 }  // namespace
 
 TimerHandle::~TimerHandle() { closeTimer(this); }
@@ -223,6 +253,7 @@ void InstallTimerFunctions(ThreadComponent* tc, v8::Local<v8::Object> target) {
   RegisterFunction(isolate, target, "_clearTimers", ClearTimers);
   RegisterFunction(isolate, target, "_clearTimer", ClearTimer);
   RegisterFunction(isolate, target, "_waitForTimer", WaitForTimer);
+  InstallNodeTimerGuards(isolate, target);
 }
 
 }  // namespace kesh
