@@ -257,7 +257,7 @@ v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& in
   v8::ScriptCompiler::Source* cached =
       ScriptCacheManager::instance().getOrCompile(isolate, *record);
   if (cached == nullptr && tryCatch.HasCaught()) return {};
-  v8::Local<v8::String> sourceText = ToV8String(isolate, record->source);
+  v8::Local<v8::String> sourceText = SourceText(isolate, *record);
   if (tryCatch.HasCaught()) {
     LogAndThrowError(isolate, kComponent, ExceptionToString(isolate, tryCatch));
     return {};

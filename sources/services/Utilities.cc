@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <memory>
 
 #include "services/KeshLogger.h"
 
@@ -45,6 +46,37 @@ v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text, size_t 
     isolate->ThrowException(v8::Exception::Error(messageText));
   }
   return v8::String::Empty(isolate);
+}
+
+namespace {
+class SharedText : public v8::String::ExternalOneByteStringResource {
+ public:
+  SharedText(const char* data, size_t length) : data_(data), length_(length) {}
+  const char* data() const override { return data_; }
+  size_t length() const override { return length_; }
+
+ private:
+  const char* data_;
+  size_t length_;
+};
+
+constexpr size_t kSmallestSharedText = 1024;  // below this a copy costs less than a resource
+}  // namespace
+
+v8::Local<v8::String> SourceText(v8::Isolate* isolate, const FileRecord& record) {
+  const char* text = record.source;
+  size_t length = record.size > 0 ? static_cast<size_t>(record.size) : 0;
+  bool ascii =
+      std::all_of(text, text + length, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (ascii && length >= kSmallestSharedText) {
+    auto resource = std::make_unique<SharedText>(text, length);
+    v8::Local<v8::String> shared;
+    if (v8::String::NewExternalOneByte(isolate, resource.get()).ToLocal(&shared)) {
+      resource.release();  // the string's now; V8 disposes of it with the string
+      return shared;
+    }
+  }
+  return ToV8String(isolate, text, length);
 }
 
 std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value) {

@@ -44,6 +44,10 @@ inline v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const std::string&
                                         StringType type = StringType::kNormal) {
   return ToV8String(isolate, text.data(), text.size(), type);
 }
+// The text of a cached file as a V8 string. An ASCII text of some size becomes an external string
+// over the file cache's one copy, which lives as long as the process: every Vuser of a script
+// then holds no copy of its own.
+v8::Local<v8::String> SourceText(v8::Isolate* isolate, const FileRecord& record);
 // The UTF-8 text of a value as String() would give it, empty when the conversion fails.
 std::string utf8Text(v8::Isolate* isolate, v8::Local<v8::Value> value);
 std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value);

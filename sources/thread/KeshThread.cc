@@ -128,7 +128,7 @@ void KeshThread::threadMain() {
       try {
         FileRecord* file = tc->thread_script_file;
         v8::Local<v8::String> name = ToV8String(isolate, file->fileName);
-        v8::Local<v8::String> text = ToV8String(isolate, file->source);
+        v8::Local<v8::String> text = SourceText(isolate, *file);
         v8::ScriptCompiler::Source* cached =
             ScriptCacheManager::instance().find(file->fullPath.get());
         if (cached == nullptr && tryCatch.HasCaught()) {
