@@ -37,6 +37,7 @@ void initialize(v8::Local<v8::Object> exports, v8::Local<v8::Value>, void*) {
   installCommand(exports, "destroyKeshThreads", DestroyKeshThreads);
   installCommand(exports, "runFunctionFromScript", RunFunctionFromScript);
   installCommand(exports, "stopKeshThread", StopKeshThread);
+  InstallExitSafety(isolate->GetCurrentContext());
   scope.Escape(exports);
 }
 

@@ -4,6 +4,9 @@
 #include "services/Utilities.h"
 #include "services/caches.h"
 #include "thread/runFunctionQueue.h"
+#include "base/check.h"
+
+#include <vector>
 
 namespace kesh {
 
@@ -107,43 +110,71 @@ std::string preloadScript(v8::Isolate* isolate, const std::string& scriptPath) {
   }
 }
 
-void onStartHookClosed(uv_handle_t* handle) {
-  auto* tc = static_cast<ThreadComponent*>(handle->data);
-  KeshLogger::log(LogLevel::kTrace, component::kKeshFactory, tc->vuser_id_,
-                  "closing the thread component start hook");
-  if (KeshThread* orphan = tc->release_on_hook_close_) {
-    delete orphan;
-  } else if (auto it = threadRegistry.find(tc->vuser_id_); it != threadRegistry.end()) {
-    it->second->start_hook_closed_ = true;
+// Start outcomes travel from the Vuser threads to the main thread through one async handle of
+// the main loop. The handle holds the loop open only while a start is unanswered.
+struct StartReports {
+  std::mutex mutex;
+  std::vector<std::pair<uint32_t, bool>> ready;  // under mutex
+  uv_async_t async{};
+  bool open = false;  // main thread
+  int unanswered = 0;  // main thread
+};
+StartReports startReports;
+
+void reportStart(uint32_t vuserId, bool started) {
+  std::lock_guard<std::mutex> lock(startReports.mutex);
+  startReports.ready.emplace_back(vuserId, started);
+  if (startReports.open) uv_async_send(&startReports.async);
+}
+
+void settleStart(v8::Isolate* isolate, KeshThread* thread, bool started) {
+  v8::HandleScope scope(isolate);
+  v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::Promise::Resolver> resolver = thread->start_resolver_.Get(isolate);
+  thread->start_resolver_.Reset();
+  if (resolver.IsEmpty()) return;
+  std::string text = "Vuser [" + std::to_string(thread->vuser_id_) + "] thread " +
+                     (started ? "started" : "fail to start");
+  KeshLogger::log(started ? LogLevel::kDebug : LogLevel::kError, component::kKeshFactory, text);
+  (started ? resolver->Resolve(context, ToV8String(isolate, text))
+           : resolver->Reject(context, ToV8String(isolate, text)))
+      .IsJust();
+  if (--startReports.unanswered == 0) uv_unref(reinterpret_cast<uv_handle_t*>(&startReports.async));
+}
+
+// Main thread: settles the promises of every start reported so far.
+void settleStarts() {
+  std::vector<std::pair<uint32_t, bool>> ready;
+  {
+    std::lock_guard<std::mutex> lock(startReports.mutex);
+    ready.swap(startReports.ready);
+  }
+  if (ready.empty()) return;
+  v8::Isolate* isolate = v8::Isolate::GetCurrent();
+  v8::HandleScope scope(isolate);
+  // Lets the promises' reactions run once the starts are settled.
+  node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
+  for (const auto& [id, started] : ready) {
+    auto found = threadRegistry.find(id);
+    if (found != threadRegistry.end()) settleStart(isolate, found->second.get(), started);
   }
 }
 
-void onStartHook(uv_async_t* handle) {
-  auto* tc = static_cast<ThreadComponent*>(handle->data);
-  KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, tc->vuser_id_,
-                  "start hook called to finish");
-  v8::Isolate* isolate = tc->main_isolate_;
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
-    v8::Local<v8::Context> context = isolate->GetCurrentContext();
-    v8::Local<v8::Promise::Resolver> resolver = tc->start_resolver_.Get(isolate);
-    std::string prefix = "Vuser [" + std::to_string(tc->vuser_id_) + "] ";
-    if (tc->script_started_.load()) {
-      std::string text = prefix + "thread started";
-      KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, text);
-      resolver->Resolve(context, ToV8String(isolate, text)).IsJust();
-    } else {
-      std::string text = prefix + "thread fail to start";
-      KeshLogger::log(LogLevel::kError, component::kKeshFactory, text);
-      resolver->Reject(context, ToV8String(isolate, text)).IsJust();
-    }
-    isolateLeave(isolate);
-    uv_close(reinterpret_cast<uv_handle_t*>(handle), onStartHookClosed);
-    tc->start_resolver_.Reset();
-    tc->start_acknowledged_.exchange(true);
-    tc->start_cv_.notify_all();
+// Stops and joins every Vuser still running, so that the process never ends under their feet.
+void stopAll() {
+  for (auto& [id, thread] : threadRegistry) {
+    VuserState state = thread->thread_component_->state_.get();
+    if (state != VuserState::kCreated && state != VuserState::kJoined) thread->stop();
+  }
+}
+
+void onProcessExit(const v8::FunctionCallbackInfo<v8::Value>&) { stopAll(); }
+
+void onEnvironmentCleanup(void*) {
+  stopAll();
+  if (startReports.open) {
+    startReports.open = false;
+    uv_close(reinterpret_cast<uv_handle_t*>(&startReports.async), nullptr);
   }
 }
 
@@ -166,14 +197,9 @@ void CreateKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
     return;
   }
   if (threadRegistry.count(id) != 0) return;  // the first Vuser of this id stays
-  std::unique_ptr<KeshThread> thread;
-  try {
-    thread = std::make_unique<KeshThread>(id, key, scriptArgs);
-  } catch (const std::exception& e) {
-    throwError(isolate, tryCatch, e.what());
-    return;
-  }
-  thread->thread_component_->main_isolate_ = isolate;
+  FileRecord* script = FileCacheManager::instance().find(key);
+  KESH_CHECK(script != nullptr);  // the preload has just put it there
+  auto thread = std::make_unique<KeshThread>(id, key, scriptArgs, script, mainPlatform, reportStart);
   KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, id, "initialize");
   std::lock_guard<std::mutex> lock(threadRegistryMutex);
   threadRegistry.emplace(id, std::move(thread));
@@ -185,29 +211,27 @@ void StartKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
   v8::TryCatch tryCatch(isolate);
   KeshThread* thread = lookUpOrThrow(info, tryCatch);
   if (thread == nullptr) return;
-  if (thread->started_) {
+  if (thread->thread_component_->state_.get() != VuserState::kCreated) {
     throwError(isolate, tryCatch,
                "Vuser [" + std::to_string(thread->vuser_id_) + "] was already started");
     return;
   }
-  ThreadComponent* tc = thread->thread_component_.get();
-  tc->platform_ = mainPlatform;
   v8::Local<v8::Promise::Resolver> resolver;
-  if (!v8::Promise::Resolver::New(isolate->GetCurrentContext()).ToLocal(&resolver) ||
-      tryCatch.HasCaught()) {
-    if (!tryCatch.HasCaught()) {
-      isolate->ThrowException(
-          v8::Exception::Error(ToV8String(isolate, "Failed to create Resolver")));
-    }
+  if (!v8::Promise::Resolver::New(isolate->GetCurrentContext()).ToLocal(&resolver)) {
     tryCatch.ReThrow();
     return;
   }
-  tc->start_resolver_.Reset(isolate, resolver);
-  tc->thread_start_hook_.data = tc;
-  checkUv("start_hook", uv_async_init(uv_default_loop(), &tc->thread_start_hook_, onStartHook));
-  thread->started_ = true;
-  thread->start();
+  thread->start_resolver_.Reset(isolate, resolver);
+  if (startReports.unanswered++ == 0) uv_ref(reinterpret_cast<uv_handle_t*>(&startReports.async));
   info.GetReturnValue().Set(resolver->GetPromise());
+  std::string error;
+  if (thread->start(&error)) return;
+  // The system gave no thread: the start fails, and nothing of the Vuser stays behind.
+  KeshLogger::log(LogLevel::kError, component::kKeshFactory, thread->vuser_id_,
+                  "the thread could not be started: " + error);
+  settleStart(isolate, thread, false);
+  std::lock_guard<std::mutex> lock(threadRegistryMutex);
+  threadRegistry.erase(thread->vuser_id_);
 }
 
 void StopKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
@@ -216,57 +240,35 @@ void StopKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
   v8::HandleScope scope(isolate);
   KeshThread* thread = lookUpOrThrow(info, tryCatch);
   if (thread == nullptr) return;
-  std::string prefix = "Vuser [" + std::to_string(thread->vuser_id_) + "] ";
-  if (!thread->started_) {
-    throwError(isolate, tryCatch, prefix + "was never started");
+  if (thread->thread_component_->state_.get() == VuserState::kCreated) {
+    throwError(isolate, tryCatch,
+               "Vuser [" + std::to_string(thread->vuser_id_) + "] was never started");
     return;
   }
-  // A Vuser that stopped itself, or was stopped before, needs no second request: the stop
-  // only makes sure the thread is joined.
-  if (thread->joined_ || thread->thread_component_->thread_stopping_.load()) {
-    KeshLogger::log(LogLevel::kError, component::kVuserThread, thread->vuser_id_,
-                    "blocked another closing request");
-  } else {
-    KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, thread->vuser_id_, "closing thread");
-    checkUv("0 == uv_async_send(&kesh_thread->thread_component_->thread_stop_hook_)",
-            uv_async_send(&thread->thread_component_->thread_stop_hook_));
-  }
-  if (!thread->joined_) {
-    thread->thread_component_->stop_requested_.store(true);
-    thread->thread_.join();
-    thread->joined_ = true;
-  }
+  thread->stop();
 }
 
 void RunFunctionFromScript(const v8::FunctionCallbackInfo<v8::Value>& info) {
   v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    v8::TryCatch tryCatch(isolate);
-    uint32_t id = 0;
-    KeshThread* thread = nullptr;
-    if (!readVuserId(info, &id)) {
-      KeshLogger::log(LogLevel::kError, component::kKeshFactory, kInvalidId);
-      throwError(isolate, tryCatch, kInvalidId);
-    } else {
-      std::string functionName = utf8Text(isolate, info[1]);
-      std::string parameter = utf8Text(isolate, info[2]);
-      thread = findThread(id);
-      if (thread == nullptr) {
-        std::string text = noThreadText(id);
-        KeshLogger::log(LogLevel::kError, component::kKeshFactory, text);
-        throwError(isolate, tryCatch, text);
-      } else if (!thread->started_) {
-        std::string text = "Vuser [" + std::to_string(thread->vuser_id_) + "] was never started";
-        KeshLogger::log(LogLevel::kError, component::kKeshFactory, text);
-        throwError(isolate, tryCatch, text);
-      } else {
-        requestRunFunction(thread, std::move(functionName), std::move(parameter));
-      }
-    }
+  v8::HandleScope scope(isolate);
+  v8::TryCatch tryCatch(isolate);
+  uint32_t id = 0;
+  std::string failure;
+  KeshThread* thread = nullptr;
+  if (!readVuserId(info, &id)) {
+    failure = kInvalidId;
+  } else if ((thread = findThread(id)) == nullptr) {
+    failure = noThreadText(id);
+  } else if (thread->thread_component_->state_.get() == VuserState::kCreated) {
+    failure = "Vuser [" + std::to_string(thread->vuser_id_) + "] was never started";
   }
-  isolateLeave(isolate);
+  if (!failure.empty()) {
+    KeshLogger::log(LogLevel::kError, component::kKeshFactory, failure);
+    throwError(isolate, tryCatch, failure);
+    return;
+  }
+  requestRunFunction(*thread->thread_component_, utf8Text(isolate, info[1]),
+                     utf8Text(isolate, info[2]));
 }
 
 void InitKeshInspector(const v8::FunctionCallbackInfo<v8::Value>& info) {
@@ -292,7 +294,8 @@ void DestroyKeshThreads(const v8::FunctionCallbackInfo<v8::Value>& info) {
   // A running thread would use what we free.
   std::string busy;
   for (const auto& [id, thread] : threadRegistry) {
-    if (thread->started_ && !thread->joined_) {
+    VuserState state = thread->thread_component_->state_.get();
+    if (state != VuserState::kCreated && state != VuserState::kJoined) {
       busy += (busy.empty() ? "" : ", ") + std::to_string(id);
     }
   }
@@ -303,18 +306,36 @@ void DestroyKeshThreads(const v8::FunctionCallbackInfo<v8::Value>& info) {
     tryCatch.ReThrow();
     return;
   }
+  settleStarts();  // a start answered by a thread that has ended since
   KeshLogger::log(LogLevel::kDebug, component::kKeshFactory,
                   "finalizing destruction of Vuser(s) thread(s)");
   v8::HandleScope scope(isolate);
   KeshLogger::instance()->close();
-  for (auto& [id, thread] : threadRegistry) {
-    // The start hook is still due on the main loop: its close releases the Vuser instead.
-    if (thread->started_ && !thread->start_hook_closed_) {
-      KeshThread* orphan = thread.release();
-      orphan->thread_component_->release_on_hook_close_ = orphan;
-    }
-  }
+  std::lock_guard<std::mutex> lock(threadRegistryMutex);
   decltype(threadRegistry)().swap(threadRegistry);  // a fresh table, not just an empty one
+}
+
+void InstallExitSafety(v8::Local<v8::Context> context) {
+  v8::Isolate* isolate = context->GetIsolate();
+  startReports.async.data = nullptr;
+  KESH_CHECK_EQ(uv_async_init(uv_default_loop(), &startReports.async,
+                              [](uv_async_t*) { settleStarts(); }),
+                0);
+  uv_unref(reinterpret_cast<uv_handle_t*>(&startReports.async));
+  startReports.open = true;
+  // The host's teardown, and process.exit() (which skips that teardown), both join every Vuser
+  // first: a Vuser thread still running when the process ends would crash it.
+  node::AddEnvironmentCleanupHook(isolate, onEnvironmentCleanup, nullptr);
+  v8::Local<v8::Value> process;
+  v8::Local<v8::Value> on;
+  v8::Local<v8::Function> listener;
+  if (context->Global()->Get(context, ToV8String(isolate, "process")).ToLocal(&process) &&
+      process->IsObject() &&
+      process.As<v8::Object>()->Get(context, ToV8String(isolate, "on")).ToLocal(&on) &&
+      on->IsFunction() && v8::Function::New(context, onProcessExit).ToLocal(&listener)) {
+    v8::Local<v8::Value> argv[] = {ToV8String(isolate, "exit"), listener};
+    on.As<v8::Function>()->Call(context, process, 2, argv).IsEmpty();
+  }
 }
 
 }  // namespace kesh

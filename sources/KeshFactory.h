@@ -27,4 +27,8 @@ void DestroyKeshThreads(const v8::FunctionCallbackInfo<v8::Value>& info);
 void RunFunctionFromScript(const v8::FunctionCallbackInfo<v8::Value>& info);
 void StopKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info);
 
+// Module initialiser: joins every Vuser before the host's environment or process goes away, and
+// opens the main loop's handle for start outcomes.
+void InstallExitSafety(v8::Local<v8::Context> context);
+
 }  // namespace kesh

@@ -4,15 +4,12 @@
 
 #include "inspector/inspectorIO.h"
 #include "services/KeshLogger.h"
-#include "services/check.h"
-#include "thread/threadComponents.h"
+#include "base/check.h"
+#include "services/fileRecord.h"
+#include "vuser/threadComponents.h"
 
 namespace kesh {
 namespace {
-
-// Tasks and interrupts of an isolate run on the thread that holds it, which is the thread
-// that made its agent.
-thread_local Agent* thread_agent = nullptr;
 
 std::unique_ptr<v8_inspector::StringBuffer> utf16Buffer(const std::string& text) {
   std::u16string converted;
@@ -91,18 +88,18 @@ v8::Local<v8::Context> InspectorClient::ensureDefaultContextInGroup(int) {
 }
 
 Agent::Agent(std::string host, int32_t port, const std::string&)
-    : host_(std::move(host)), port_(port) {
-  thread_agent = this;
-}
+    : host_(std::move(host)), port_(port) {}
 
 Agent::~Agent() {
   io_.reset();
   client_.reset();
-  if (thread_agent == this) thread_agent = nullptr;
 }
 
 Agent* Agent::ForIsolate(v8::Isolate* isolate) {
-  return thread_agent != nullptr && thread_agent->isolate_ == isolate ? thread_agent : nullptr;
+  // Tasks and interrupts of an isolate run on the thread that holds it; the Vuser's record knows
+  // its agent while the endpoint runs.
+  ThreadComponent* vuser = componentOf(isolate);
+  return vuser != nullptr ? vuser->inspector_agent_ : nullptr;
 }
 
 bool Agent::Start(v8::Isolate* isolate, node::MultiIsolatePlatform* platform,
@@ -116,6 +113,7 @@ bool Agent::Start(v8::Isolate* isolate, node::MultiIsolatePlatform* platform,
   if (io_ != nullptr) return true;
   KESH_CHECK(client_ != nullptr);
   io_ = std::make_unique<InspectorIo>(isolate, platform, path_, host_, port_, true, loop, this);
+  if (ThreadComponent* vuser = componentOf(isolate)) io_->stop_state_ = &vuser->state_;
   if (!io_->Start()) {
     client_.reset();
     return false;

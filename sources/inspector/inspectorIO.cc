@@ -6,7 +6,7 @@
 
 #include "inspector/inspectorAgent.h"
 #include "services/KeshLogger.h"
-#include "services/check.h"
+#include "base/check.h"
 
 // OpenSSL's, from the host process; its 3.x headers would mark the family deprecated.
 extern "C" int RAND_bytes(unsigned char* buffer, int count);
@@ -48,20 +48,19 @@ int closeAsyncAndLoop(uv_async_t* async) {
   return uv_loop_close(async->loop);
 }
 
-thread_local const std::atomic<bool>* stop_request = nullptr;
-
-bool stopRequested() { return stop_request != nullptr && stop_request->load(); }
 
 // How often a wait on the client looks at the stop flag.
 constexpr std::chrono::milliseconds kStopPoll{100};
 
 }  // namespace
 
-void setStopRequestFlag(const std::atomic<bool>* flag) { stop_request = flag; }
+bool InspectorIo::stopRequested() const {
+  return stop_state_ != nullptr && isStopping(stop_state_->get());
+}
 
 bool IoSessionDelegate::WaitForFrontendMessage() {
   io_->WaitForFrontendMessage();
-  return !stopRequested();
+  return !io_->stopRequested();
 }
 
 void IoSessionDelegate::SendMessageToFrontend(const v8_inspector::StringView& message) {

@@ -17,6 +17,7 @@
 
 #include "inspector/inspectorSocketServer.h"
 #include "inspector/v8InspectorInterface.h"
+#include "vuser/vuserState.h"
 
 // The debugger's network side for one Vuser: a thread with a loop of its own runs the socket
 // server, and two queues carry protocol messages between it and the Vuser thread, where V8's
@@ -25,10 +26,6 @@ namespace kesh {
 
 class Agent;
 class InspectorIo;
-
-// Set on a Vuser thread to the flag that its stop raises. A Vuser held by its debugger (waiting
-// for the run command, or paused) lets go once the flag is up, so that a stop always ends.
-void setStopRequestFlag(const std::atomic<bool>* flag);
 
 // From the IO thread to the Vuser thread.
 enum class InspectorAction { kStartSession, kEndSession, kSendMessage };
@@ -85,6 +82,10 @@ class InspectorIo {
 
   uv_thread_t thread_;
   uv_sem_t thread_start_sem_;
+  // The state of the Vuser: one held by its debugger (waiting for the run command, or paused)
+  // lets go once it is stopping, so that a stop always ends.
+  const StateCell* stop_state_ = nullptr;
+  bool stopRequested() const;
   std::atomic<InspectorIoDelegate*> delegate_{nullptr};
   State state_ = State::kNew;
   // On the IO loop; data is the server and this object while the server exists.

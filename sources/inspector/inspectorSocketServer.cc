@@ -9,7 +9,7 @@
 #include <type_traits>
 
 #include "services/KeshLogger.h"
-#include "services/check.h"
+#include "base/check.h"
 
 namespace kesh {
 namespace {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "network/wireFormat.h"
+#include "vuser/enteredVuser.h"
 
 namespace kesh {
 
@@ -47,37 +48,43 @@ class no_match_exception : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// One per Vuser thread: its connection to the service and the messages waiting for answers.
+enum class ConnectionState { kClosed, kConnecting, kConnected, kClosing };
+
+// One per Vuser thread: its connection to the service and the messages waiting for answers. The
+// connection's faults are the Vuser's: a failed write, a reset or an end of stream close it,
+// fail what waits on it, and a later _initNetworking connects again.
 struct NetworkManager {
   std::unordered_map<int32_t, std::shared_ptr<NetworkMessage>> pending_messages_;
   std::mutex pending_mutex_;
-  KeshThread* vuser_thread_ = nullptr;
   ThreadComponent* thread_component_;
-  uv_tcp_t tcp_{};
+  ConnectionState state_ = ConnectionState::kClosed;
+  uv_tcp_t tcp_{};  // open unless state_ is kClosed; closed only by closeConnection
   uv_connect_t connect_req_{};
-  uv_stream_t* stream_ = nullptr;
-  std::atomic<bool> connected_{false};
   sockaddr_in address_{};
   int64_t port_ = 0;
   std::string host_;
   LineFramer framer_;
   std::unique_ptr<char[]> read_buffer_;  // kReadBufferSize bytes, made at the first read
-  // The failure of a line read during a synchronous wait, for the waiting call to throw.
-  v8::Persistent<v8::Value> sync_failure_;
+  // A blocking request waits in a nested loop while this is set.
+  bool sync_waiting_ = false;
+  // Why the wait of a blocking request ended without its answer: the record of a line that
+  // failed, or the text of a connection that closed.
+  v8::Global<v8::Value> sync_failure_;
+  std::string sync_closed_;
 
-  explicit NetworkManager(ThreadComponent* component);
+  explicit NetworkManager(ThreadComponent* component) : thread_component_(component) {}
   NetworkManager(const NetworkManager&) = delete;
   NetworkManager& operator=(const NetworkManager&) = delete;
 
   std::shared_ptr<NetworkMessage> FindPendingMessage(int32_t id);
-  // A connection stands and is not closing: a write has a stream to go to.
-  bool writable() const {
-    return connected_.load() && stream_ != nullptr &&
-           !uv_is_closing(reinterpret_cast<const uv_handle_t*>(stream_));
-  }
+  bool writable() const { return state_ == ConnectionState::kConnected; }
+  // Ends the nested loop of a blocking request.
   void StopSyncWait();
-  // Drops what still waits on this thread's script: on the Vuser thread, at its end.
-  void releaseScriptValues();
+  // Closes the connection for `cause`, logged as one Error line: a waiting blocking request
+  // fails, waiting callbacks are dropped with a Warning line naming how many.
+  void closeConnection(const std::string& cause);
+  // Vuser thread, at its end: closes the connection and drops what waits on this thread's script.
+  void release();
 };
 
 // Behind the sending function's name when there is no connection to send on.
@@ -85,29 +92,26 @@ inline constexpr const char kNotConnected[] =
     ": not connected to Pelmare (call _initNetworking first, or again after the connection "
     "closed)";
 
-// The manager of the Vuser thread that runs this code.
-NetworkManager* currentNetworkManager();
-
 // Reads the message id and the payload of a sending function; false, with the error logged and
 // thrown, when either cannot be read.
-bool readIdAndPayload(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::Value>& info,
-                      v8::TryCatch& tryCatch, const char* payloadError, int32_t* id,
-                      std::string* payload);
-// Throws the refusal and answers true when there is no connection to write to.
-bool refuseWithoutConnection(v8::Isolate* isolate, NetworkManager* manager, const char* function);
+// Throws a ScriptError when either cannot be read.
+void readIdAndPayload(EnteredVuser& here, const v8::FunctionCallbackInfo<v8::Value>& info,
+                      const char* payloadError, int32_t* id, std::string* payload);
+// The manager of the Vuser; throws the refusal when there is no connection to write to.
+NetworkManager& connectedManager(EnteredVuser& here, const char* function);
 
 std::shared_ptr<NetworkMessage> makeMessage(int32_t id, std::string payload, bool is_sync);
 
 void InstallNetworkFunctions(ThreadComponent* component, v8::Local<v8::Object> target);
 void OnMessage(NetworkManager* manager, std::string_view line);
-void send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& message);
+// Writes the message; false, with the connection closed for the failure, when it cannot.
+bool send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& message);
 void ProcessNetworkMessages(ThreadComponent* component);
-void SendSyncEventLoopRunner(NetworkManager* manager,
+void SendSyncEventLoopRunner(EnteredVuser& here, NetworkManager& manager,
                              const std::shared_ptr<NetworkMessage>& message);
-void OnClose(uv_handle_t* handle);
 
 // The script-side functions, each registered by InstallNetworkFunctions.
-void InitNetworking(const v8::FunctionCallbackInfo<v8::Value>& info);
+
 void ClearResponsePendingMessages(const v8::FunctionCallbackInfo<v8::Value>& info);
 void Send(const v8::FunctionCallbackInfo<v8::Value>& info);
 void SendSync(const v8::FunctionCallbackInfo<v8::Value>& info);

@@ -10,7 +10,7 @@
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
-#include "thread/threadComponents.h"
+#include "vuser/threadComponents.h"
 
 namespace kesh {
 
@@ -82,19 +82,17 @@ void fail(v8::Isolate* isolate, const std::string& text) {
 // A timer's expiry: settles through the queue, never here, and runs no script.
 void onSocketTimeout(uv_timer_t* timer, const char* text, bool closure) {
   auto* socket = static_cast<BareSocket*>(timer->data);
-  v8::Isolate* isolate = socket->isolate_;
-  isolateEnter(isolate);
+  EnteredVuser here(socket->isolate_);
+  v8::Isolate* isolate = here.isolate();
   {
-    v8::HandleScope scope(isolate);
     v8::TryCatch tryCatch(isolate);
-    ThreadComponent* tc = componentOf(isolate);
+    ThreadComponent* tc = &here.vuser();
     KeshLogger::log(LogLevel::kDebug, kComponent, tc->vuser_id_, text);
     std::lock_guard<std::mutex> lock(tc->async_callbacks_mutex_);
     // No script stands below a timer: a failure ends in the log.
     queueSettle(isolate, ToV8String(isolate, socket->id_), !closure, v8::Undefined(isolate),
                 closure);
   }
-  isolateLeave(isolate);
 }
 
 void OnBarrierTimeout(uv_timer_t* timer) {
@@ -106,7 +104,8 @@ void OnClosureTimeout(uv_timer_t* timer) {
 }
 
 void RegisterNewBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     v8::String::Utf8Value key(isolate, info[0]);
     if (*key == nullptr || !info[1]->IsFunction()) {
       // Lines would find no key to match, or nothing they could call.
@@ -131,7 +130,8 @@ void RegisterNewBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void UnRegisterNewBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     ThreadComponent* tc = componentOf(isolate);
     std::lock_guard<std::mutex> lock(tc->async_callbacks_mutex_);
     v8::Local<v8::Function> function;
@@ -146,11 +146,13 @@ void UnRegisterNewBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void ClearAllBareSockets(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [](v8::Isolate* isolate) { componentOf(isolate)->bare_sockets_.clear(); });
+  scriptFunction(info, [](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate(); componentOf(isolate)->bare_sockets_.clear(); });
 }
 
 void NewWebSocketBarrier(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     v8::Maybe<int64_t> timeout = info[1]->IntegerValue(context);
     v8::Local<v8::Promise::Resolver> resolver;
@@ -176,7 +178,8 @@ void NewWebSocketBarrier(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void WaitForBareSocketClosure(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     v8::Maybe<int64_t> timeout = info[1]->IntegerValue(isolate->GetCurrentContext());
     if (timeout.IsNothing()) return fail(isolate, "Invalid timeout number value");
     BareSocket* socket = findSocket(isolate, info[0]);
@@ -192,7 +195,8 @@ void WaitForBareSocketClosure(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void DisconnectBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     BareSocket* socket = findSocket(isolate, info[0]);
     if (socket == nullptr) return fail(isolate, kNoSocket);
     uv_timer_t* closure = socket->ClosureTimer();
@@ -211,7 +215,8 @@ void DisconnectBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void StopBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     ThreadComponent* tc = componentOf(isolate);
     BareSocket* socket = findSocket(isolate, info[0]);
     std::string id = utf8Text(isolate, info[0]);
@@ -241,11 +246,10 @@ void StopBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void ResolveBareSocketPromiseCallback(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
+  EnteredVuser here(info.GetIsolate());
+  v8::Isolate* isolate = here.isolate();
   {
-    v8::HandleScope scope(isolate);
-    v8::Local<v8::Context> context = isolate->GetCurrentContext();
+    v8::Local<v8::Context> context = here.context();
     std::string failure;
     {
       // The reactions of the settled promise run when this scope closes.
@@ -286,22 +290,19 @@ void ResolveBareSocketPromiseCallback(const v8::FunctionCallbackInfo<v8::Value>&
     // Thrown outside the callback scope, so that it reaches the queue's own handler.
     if (!failure.empty()) fail(isolate, failure);
   }
-  isolateLeave(isolate);
 }
 
 void CleanBareSocketConnection(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
+  EnteredVuser here(info.GetIsolate());
+  v8::Isolate* isolate = here.isolate();
   {
-    v8::HandleScope scope(isolate);
     std::string id = utf8Text(isolate, info[0]);
-    ThreadComponent* tc = componentOf(isolate);
+    ThreadComponent* tc = &here.vuser();
     if (tc->bare_sockets_.erase(id) == 0 && KeshLogger::produces(LogLevel::kTrace)) {
       KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_,
                       "Internal warning: asked to delete socket with id: " + id + " twice.");
     }
   }
-  isolateLeave(isolate);
 }
 
 }  // namespace
@@ -315,8 +316,8 @@ BareSocket::BareSocket(uv_loop_t* loop, std::string id, v8::Local<v8::Function> 
 BareSocket::~BareSocket() {
   closure_resolver_.Reset();
   barrier_resolver_.Reset();
-  if (closure_timer_ != nullptr) closeHeapTimer(closure_timer_);
-  if (barrier_timer_ != nullptr) closeHeapTimer(barrier_timer_);
+  closeHeapTimer(closure_timer_);
+  closeHeapTimer(barrier_timer_);
   callback_.Reset();
 }
 
@@ -331,9 +332,7 @@ uv_timer_t* BareSocket::ClosureTimer() {
 }
 
 void BareSocket::ReleaseBarrierTimer() {
-  if (barrier_timer_ == nullptr) return;
   closeHeapTimer(barrier_timer_);
-  barrier_timer_ = nullptr;
 }
 
 void InstallBareSocketFunctions(v8::Isolate* isolate, v8::Local<v8::Object> target) {

@@ -39,6 +39,17 @@ void KeshLogger::handOver(std::unique_ptr<LogRecord> record) {
   if (logger->enqueue(std::move(record))) uv_async_send(&logger->async_);
 }
 
+void KeshLogger::flushToStandardOutput() {
+  directOutput.store(true);
+  KeshLogger* logger = current_.load(std::memory_order_acquire);
+  if (logger == nullptr) return;
+  // A fatal check may fire while this thread holds the queue's lock: then the lines stay.
+  std::unique_lock<std::mutex> lock(logger->mutex_, std::try_to_lock);
+  if (!lock.owns_lock()) return;
+  for (const auto& record : logger->queue_) writeDirect(*record);
+  logger->queue_.clear();
+}
+
 bool KeshLogger::enqueue(std::unique_ptr<LogRecord> record) {
   size_t bytes = record->text.size() + record->component.size() + record->levelName.size();
   std::lock_guard<std::mutex> lock(mutex_);

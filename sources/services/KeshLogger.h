@@ -96,6 +96,9 @@ class KeshLogger {
   // Main thread only: last delivery, back to standard output, close of the async handle.
   void close();
 
+  // Any thread, on the way to a fatal exit: what the queue holds goes to standard output.
+  static void flushToStandardOutput();
+
   // Direct write or queue, as directOutput says.
   static void handOver(std::unique_ptr<LogRecord> record);
   // The close callback's end of the logger; the next instance() makes a new one.

@@ -1,6 +1,7 @@
 // The main-thread half of the logger: the runner's callback, the two exports, delivery, close.
 #include <node.h>
 
+#include "base/check.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 
@@ -108,6 +109,7 @@ KeshLogger* KeshLogger::instance() {
   if (logger == nullptr) {
     logger = new KeshLogger();
     current_.store(logger, std::memory_order_release);
+    setFatalFlush(&KeshLogger::flushToStandardOutput);
   }
   return logger;
 }
@@ -173,8 +175,17 @@ void KeshLogger::drain() {
 void KeshLogger::close() {
   drain();
   directOutput.store(true);
-  uv_handle_t* handle = reinterpret_cast<uv_handle_t*>(&async_);
-  if (uv_is_active(handle) && !uv_is_closing(handle)) uv_close(handle, onClosed);
+  // Detached at once: a runner may attach a new callback right away, before this one's handle
+  // has finished closing.
+  {
+    std::lock_guard<std::mutex> lock(instanceMutex);
+    if (current_.load(std::memory_order_relaxed) == this) current_.store(nullptr);
+  }
+  if (callback_.IsEmpty()) {
+    delete this;  // never attached: no handle to close
+    return;
+  }
+  uv_close(reinterpret_cast<uv_handle_t*>(&async_), onClosed);
 }
 
 v8::Local<v8::Object> InstallLoggerExports(v8::Local<v8::Object> exports) {

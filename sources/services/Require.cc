@@ -7,7 +7,7 @@
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
-#include "thread/threadComponents.h"
+#include "vuser/threadComponents.h"
 
 namespace kesh {
 
@@ -35,7 +35,6 @@ const std::regex mainFieldRegex(R"re("main":\s*"([^"]*))re", std::regex::ECMAScr
 // One table per Vuser thread, from full path to the module's result; an empty handle is a module
 // not loaded (yet). Persistent rather than Global: the table is destroyed at thread exit, after
 // the isolate's lock is gone, and a Persistent's destructor leaves the isolate alone.
-thread_local std::unordered_map<std::string, v8::Persistent<v8::Value>> moduleTable;
 
 struct RecordRelease {
   void operator()(FileRecord* record) const { FileRecord::destroy(record); }
@@ -192,7 +191,7 @@ v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& in
     return {};
   }
   // Element references survive the inserts of nested loads.
-  v8::Persistent<v8::Value>& loaded = moduleTable[resolved->fullPath.get()];
+  v8::Global<v8::Value>& loaded = componentOf(isolate)->module_table_[resolved->fullPath.get()];
   if (!loaded.IsEmpty()) {
     v8::Local<v8::Value> result = v8::Local<v8::Value>::New(isolate, loaded);
     restoreGlobals();
@@ -394,26 +393,21 @@ std::unique_ptr<FileRecord> ResolveRequiredFile(const std::string& name, const s
 namespace Require {
 
 void RequireFunction(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  v8::HandleScope scope(isolate);
-  v8::TryCatch tryCatch(isolate);
+  EnteredVuser here(info.GetIsolate());
+  v8::TryCatch tryCatch(here.isolate());
   v8::Local<v8::Value> result = requireModule(info, tryCatch);
   if (tryCatch.HasCaught()) {
     tryCatch.ReThrow();
   } else if (!result.IsEmpty()) {
     info.GetReturnValue().Set(result);
   }
-  isolateLeave(isolate);
 }
 
 }  // namespace Require
 
 void InstallRequire(ThreadComponent* threadComponent, v8::Local<v8::Object> target) {
   v8::Isolate* isolate = threadComponent->isolate_;
-  isolateEnter(isolate);
   RegisterFunction(isolate, target, "keshRequire", Require::RequireFunction);
-  isolateLeave(isolate);
 }
 
 }  // namespace kesh

@@ -14,16 +14,6 @@ std::string utf8Text(v8::Isolate* isolate, v8::Local<v8::Value> value) {
   return *utf8 ? std::string(*utf8, utf8.length()) : std::string();
 }
 
-void isolateEnter(v8::Isolate* isolate) {
-  v8::Locker locker(isolate);
-  isolate->Enter();
-}
-
-void isolateLeave(v8::Isolate* isolate) {
-  isolate->Exit();
-  v8::Unlocker unlocker(isolate);
-}
-
 v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const char* text, size_t length,
                                  StringType type) {
   v8::Local<v8::String> result;
@@ -80,7 +70,6 @@ v8::Local<v8::String> SourceText(v8::Isolate* isolate, const FileRecord& record)
 }
 
 std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value) {
-  isolateEnter(isolate);
   v8::HandleScope scope(isolate);
   v8::TryCatch tryCatch(isolate);
   std::string copy;
@@ -97,16 +86,13 @@ std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value) {
     KeshLogger::log(LogLevel::kError, "", kMessage);
     isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, kMessage)));
     tryCatch.ReThrow();
-    isolateLeave(isolate);
     return std::string();
   }
-  isolateLeave(isolate);
   return copy;
 }
 
 void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const char* name,
                       v8::FunctionCallback callback) {
-  isolateEnter(isolate);
   v8::HandleScope scope(isolate);
   v8::TryCatch tryCatch(isolate);
   v8::Local<v8::Context> context = isolate->GetCurrentContext();
@@ -116,14 +102,28 @@ void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const 
   v8::Local<v8::Function> function;
   if (tmpl->GetFunction(context).ToLocal(&function) &&
       target->CreateDataProperty(context, key, function).IsJust()) {
-    isolateLeave(isolate);
     return;
   }
   std::string message = std::string("Failed to register function [") + name + "]";
   KeshLogger::log(LogLevel::kError, "", message);
   isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, message)));
   tryCatch.ReThrow();
-  isolateLeave(isolate);
+}
+
+void raise(v8::Isolate* isolate, const ScriptError& error) {
+  KeshLogger::log(LogLevel::kError, error.component, error.text);
+  v8::Local<v8::String> text = ToV8String(isolate, error.text);
+  switch (error.kind) {
+    case ErrorKind::kTypeError:
+      isolate->ThrowException(v8::Exception::TypeError(text));
+      return;
+    case ErrorKind::kRangeError:
+      isolate->ThrowException(v8::Exception::RangeError(text));
+      return;
+    case ErrorKind::kError:
+      isolate->ThrowException(v8::Exception::Error(text));
+      return;
+  }
 }
 
 void LogAndThrowError(v8::Isolate* isolate, const char* component, const std::string& message) {

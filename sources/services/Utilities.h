@@ -3,30 +3,45 @@
 #include <v8.h>
 
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include "services/fileRecord.h"
+#include "vuser/enteredVuser.h"
 
 namespace kesh {
 
-// The isolate bracket: leaves the thread entered in the isolate without holding its lock longer
-// than the thread already did. Call isolateLeave on every path that called isolateEnter.
-void isolateEnter(v8::Isolate* isolate);
-void isolateLeave(v8::Isolate* isolate);
+// What kind of JavaScript error a failure reaches its script as.
+enum class ErrorKind { kError, kTypeError, kRangeError };
 
-// The frame of a script-callable native function: the isolate bracket, a handle scope, and a
-// TryCatch whose catch is passed on to the calling script.
+// The one way a native function fails towards its script: thrown anywhere below the function's
+// frame, logged there as an Error line and thrown to the script as a JavaScript error of `kind`
+// with the same text.
+struct ScriptError : std::exception {
+  const char* component;
+  std::string text;
+  ErrorKind kind;
+  ScriptError(const char* component_name, std::string message, ErrorKind error_kind = ErrorKind::kError)
+      : component(component_name), text(std::move(message)), kind(error_kind) {}
+  const char* what() const noexcept override { return text.c_str(); }
+};
+
+// Logs the failure and leaves the JavaScript error pending on the isolate.
+void raise(v8::Isolate* isolate, const ScriptError& error);
+
+// The frame of every script-callable native function: enters the Vuser, runs body(here), and
+// passes a ScriptError or an exception that the body left pending on to the calling script.
 template <typename Body>
-void scriptEntry(const v8::FunctionCallbackInfo<v8::Value>& info, Body body) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  {
-    v8::HandleScope scope(isolate);
-    v8::TryCatch tryCatch(isolate);
-    body(isolate);
-    if (tryCatch.HasCaught()) tryCatch.ReThrow();
+void scriptFunction(const v8::FunctionCallbackInfo<v8::Value>& info, Body body) {
+  EnteredVuser here(info.GetIsolate());
+  v8::TryCatch tryCatch(here.isolate());
+  try {
+    body(here);
+  } catch (const ScriptError& error) {
+    tryCatch.Reset();
+    raise(here.isolate(), error);
   }
-  isolateLeave(isolate);
+  if (tryCatch.HasCaught()) tryCatch.ReThrow();
 }
 
 enum class StringType : int { kNormal = 0, kInternalized = 1 };

@@ -70,7 +70,7 @@ void reportCacheError(v8::Isolate* isolate, v8::TryCatch& tryCatch, const char* 
 
 v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolate,
                                                              const FileRecord& record) {
-  isolateEnter(isolate);
+  // The caller is inside the isolate: the main thread, or a Vuser's EnteredVuser.
   v8::EscapableHandleScope scope(isolate);
   v8::TryCatch tryCatch(isolate);
   std::string key = record.fullPath.get();
@@ -83,7 +83,6 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
     std::shared_lock<std::shared_mutex> entryLock(entry->lock_);
     v8::ScriptCompiler::Source* compiled = entry->compiled;
     entryLock.unlock();
-    isolateLeave(isolate);
     return compiled;
   }
   ScriptCacheEntry* entry = (scripts_[key] = std::make_unique<ScriptCacheEntry>()).get();
@@ -103,25 +102,21 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
                      "Error compiling the script to create cache %",
                      ExceptionToString(isolate, tryCatch));
     tryCatch.Reset();
-    isolateLeave(isolate);
     return nullptr;
   }
   v8::ScriptCompiler::CachedData* data = v8::ScriptCompiler::CreateCodeCache(unbound);
   if (data == nullptr) {
     if (tryCatch.HasCaught()) reportCacheError(isolate, tryCatch, "Error creating code cache: ");
-    isolateLeave(isolate);
     return nullptr;
   }
   // Heap-made and never destroyed: a Source deletes its cached data, which every isolate reads.
   auto* compiled = new v8::ScriptCompiler::Source(source, origin, data);
   if (tryCatch.HasCaught()) {
     reportCacheError(isolate, tryCatch, "Error creating script source: ");
-    isolateLeave(isolate);
     return nullptr;
   }
   entry->compiled = compiled;
   entryLock.unlock();
-  isolateLeave(isolate);
   return compiled;
 }
 

@@ -11,7 +11,7 @@
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
-#include "thread/threadComponents.h"
+#include "vuser/threadComponents.h"
 
 namespace kesh {
 
@@ -36,11 +36,10 @@ AsyncCallbackEntry makeSettleCallback(v8::Isolate* isolate, uint32_t id) {
 
 void onTimerFired(uv_timer_t* timer) {
   auto* handle = static_cast<TimerHandle*>(timer->data);
-  v8::Isolate* isolate = handle->isolate_;
-  isolateEnter(isolate);
+  EnteredVuser here(handle->isolate_);
+  v8::Isolate* isolate = here.isolate();
   {
-    v8::HandleScope scope(isolate);
-    ThreadComponent* tc = componentOf(isolate);
+    ThreadComponent* tc = &here.vuser();
     KeshLogger::logf(LogLevel::kDebug, kComponent, tc->vuser_id_, "calling timer [%] callback",
                      handle->id_);
     std::lock_guard<std::mutex> lock(tc->async_callbacks_mutex_);
@@ -56,16 +55,14 @@ void onTimerFired(uv_timer_t* timer) {
       }
     }
   }
-  isolateLeave(isolate);
 }
 
 void SettleTimerPromise(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
+  EnteredVuser here(info.GetIsolate());
+  v8::Isolate* isolate = here.isolate();
   {
-    v8::HandleScope scope(isolate);
-    v8::Local<v8::Context> context = isolate->GetCurrentContext();
-    ThreadComponent* tc = componentOf(isolate);
+    v8::Local<v8::Context> context = here.context();
+    ThreadComponent* tc = &here.vuser();
     const char* failure = nullptr;
     {
       node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
@@ -96,7 +93,6 @@ void SettleTimerPromise(const v8::FunctionCallbackInfo<v8::Value>& info) {
     // Thrown outside the callback scope, so that it reaches the queue's own handler.
     if (failure != nullptr) LogAndThrowError(isolate, kComponent, failure);
   }
-  isolateLeave(isolate);
 }
 
 // The timer named by the first argument. Ids are handed out from 0 upwards and shown unsigned;
@@ -126,7 +122,8 @@ TimerHandle* findTimer(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::
 }
 
 void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     ThreadComponent* tc = componentOf(isolate);
     bool repeat = info[0]->BooleanValue(isolate);
@@ -164,7 +161,8 @@ void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void ClearTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     int64_t id = 0;
     TimerHandle* handle = findTimer(isolate, info, "_clearTimer", &id);
     if (handle == nullptr) return;
@@ -183,14 +181,13 @@ void ClearTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 void ClearTimers(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* isolate = info.GetIsolate();
-  isolateEnter(isolate);
-  closeAllTimers(componentOf(isolate));
-  isolateLeave(isolate);
+  EnteredVuser here(info.GetIsolate());
+  closeAllTimers(&here.vuser());
 }
 
 void WaitForTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  scriptEntry(info, [&info](v8::Isolate* isolate) {
+  scriptFunction(info, [&info](EnteredVuser& here) {
+    v8::Isolate* isolate = here.isolate();
     int64_t id = 0;
     TimerHandle* handle = findTimer(isolate, info, "_waitForTimer", &id);
     if (handle != nullptr && !handle->resolver_.IsEmpty()) {
@@ -236,8 +233,7 @@ TimerHandle::~TimerHandle() { closeTimer(this); }
 
 void closeTimer(TimerHandle* handle) {
   // Unlike a bare stop, a close also takes in a fired one-shot timer, so the loop can close.
-  if (handle->timer_ != nullptr) closeHeapTimer(handle->timer_);
-  handle->timer_ = nullptr;
+  closeHeapTimer(handle->timer_);
   handle->callback_.Reset();
   handle->extra_.Reset();
   handle->resolver_.Reset();

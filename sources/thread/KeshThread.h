@@ -1,46 +1,63 @@
 #pragma once
 
+#include <node.h>
+#include <v8.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
 
-#include "thread/threadComponents.h"
+#include "vuser/threadComponents.h"
 
 namespace kesh {
 
-// One Vuser: its components and the operating-system thread that runs its script.
 struct NetworkManager;
 class Agent;
+class VuserRuntime;
 
+// How long a stop waits for a script to come back to its loop before it terminates the script.
+inline constexpr int kStopGraceMs = 2000;
+
+// Called on the Vuser thread once its script ran (true) or failed to start (false).
+using StartReport = void (*)(uint32_t vuserId, bool started);
+
+// One Vuser: its record, and the operating-system thread that runs its script.
 struct KeshThread {
   uint32_t vuser_id_;
   std::unique_ptr<ThreadComponent> thread_component_;
+  node::MultiIsolatePlatform* platform_;
+  StartReport start_report_;
   std::thread thread_;
-  // Made on the Vuser thread, whose thread-local it becomes; freed with the Vuser.
-  std::unique_ptr<NetworkManager> network_manager_;
+  std::unique_ptr<NetworkManager> network_manager_;  // made and used on the Vuser thread
+  std::unique_ptr<Agent> inspector_agent_;           // while a debugger endpoint runs
   bool inspector_enabled_ = false;
-  std::unique_ptr<Agent> inspector_agent_;  // while a debugger endpoint runs for this Vuser
   std::string inspector_host_;
   uint32_t inspector_port_ = 0;
-  // Main-thread bookkeeping of the Vuser's life, so that commands out of order are refused.
-  bool started_ = false;
-  bool joined_ = false;
-  bool start_hook_closed_ = false;
-  // Vuser thread: whether thread_start_hook_ has been sent, so that every start is answered.
-  bool start_hook_sent_ = false;
+  v8::Global<v8::Promise::Resolver> start_resolver_;  // main thread only
 
-  KeshThread(uint32_t vuser_id, std::string script_path, std::string script_args);
+  KeshThread(uint32_t vuser_id, std::string script_path, std::string script_args,
+             FileRecord* script, node::MultiIsolatePlatform* platform, StartReport report);
   ~KeshThread();
+  KeshThread(const KeshThread&) = delete;
+  KeshThread& operator=(const KeshThread&) = delete;
 
-  void start();
+  // Main thread: starts the thread. False, with the cause in *error, when the system cannot.
+  bool start(std::string* error);
+  // Main thread: asks for the stop and joins the thread; a script that does not come back to its
+  // loop within kStopGraceMs is terminated. A Vuser stopped before gets "blocked another closing
+  // request" and is only joined.
+  void stop();
+
+ private:
   void threadMain();
-  void installGlobals(ThreadComponent* component);
-  void runEventLoop();
-  void stopThread();
-  void closeResources();
-  void closeLoop();
-  void sendStartHook();
+  bool runScript();
+  void installGlobals();
+  bool compileAndRun();
+  void releaseScriptValues();
 };
+
+// Any thread of the Vuser: ends its loop and moves it to stopping.
+void requestStop(ThreadComponent& vuser);
 
 }  // namespace kesh

@@ -3,7 +3,8 @@
 #include <uv.h>
 #include <v8.h>
 
-#include "thread/threadComponents.h"
+#include "base/check.h"
+#include "vuser/enteredVuser.h"
 
 namespace kesh {
 
@@ -19,8 +20,8 @@ void onIdleCheck(uv_timer_t* timer) {
   }
   if (tc->collected_while_idle_) return;  // once per quiet stretch
   tc->collected_while_idle_ = true;
-  v8::Isolate* isolate = tc->isolate_;
-  v8::Isolate::Scope isolateScope(isolate);
+  EnteredVuser here(tc->isolate_);
+  v8::Isolate* isolate = here.isolate();
   v8::HeapStatistics heap;
   isolate->GetHeapStatistics(&heap);
   if (heap.used_heap_size() < tc->heap_after_collection_ + kHeapGrowthBeforeCollection) return;
@@ -34,7 +35,7 @@ void onIdleCheck(uv_timer_t* timer) {
 void startIdleCollection(ThreadComponent* tc) {
   tc->script_calls_at_check_ = tc->script_calls_;
   tc->idle_check_timer_.data = tc;
-  checkUv("idle_check_timer", uv_timer_init(tc->loop_, &tc->idle_check_timer_));
+  KESH_CHECK_EQ(uv_timer_init(tc->loop_, &tc->idle_check_timer_), 0);
   uv_timer_start(&tc->idle_check_timer_, onIdleCheck, kFirstIdleCheckMs, kIdleCheckMs);
   uv_unref(reinterpret_cast<uv_handle_t*>(&tc->idle_check_timer_));
 }

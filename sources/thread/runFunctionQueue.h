@@ -7,15 +7,15 @@
 
 namespace kesh {
 
-struct KeshThread;
 struct ThreadComponent;
 
-// Main thread: leaves the request in the Vuser's one-slot hand-over and wakes its loop. A Vuser
-// that is stopping or stopped is left alone.
-void requestRunFunction(KeshThread* thread, std::string name, std::string param);
+// Main thread: leaves the request in the Vuser's one-slot hand-over and wakes its loop. A later
+// request before the Vuser took this one replaces it.
+void requestRunFunction(ThreadComponent& vuser, std::string name, std::string param);
 
-// Vuser thread: the callback of run_function_hook_.
-void runPendingFunction(KeshThread* thread);
+// Vuser thread, from the wake-up handle: runs the requested function, unless one is running
+// already further up the stack; that one asks again once it returns.
+void runPendingFunction(ThreadComponent& vuser);
 
 // Vuser thread: makes the queued script calls, first in, first out. A failing call is logged,
 // and passed on as an exception when a script called for the drain.
