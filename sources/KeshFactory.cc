@@ -1,12 +1,12 @@
 #include "KeshFactory.h"
 
+#include <vector>
+
+#include "base/check.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
 #include "thread/runFunctionQueue.h"
-#include "base/check.h"
-
-#include <vector>
 
 namespace kesh {
 
@@ -116,7 +116,7 @@ struct StartReports {
   std::mutex mutex;
   std::vector<std::pair<uint32_t, bool>> ready;  // under mutex
   uv_async_t async{};
-  bool open = false;  // main thread
+  bool open = false;   // main thread
   int unanswered = 0;  // main thread
 };
 StartReports startReports;
@@ -199,7 +199,8 @@ void CreateKeshThread(const v8::FunctionCallbackInfo<v8::Value>& info) {
   if (threadRegistry.count(id) != 0) return;  // the first Vuser of this id stays
   FileRecord* script = FileCacheManager::instance().find(key);
   KESH_CHECK(script != nullptr);  // the preload has just put it there
-  auto thread = std::make_unique<KeshThread>(id, key, scriptArgs, script, mainPlatform, reportStart);
+  auto thread =
+      std::make_unique<KeshThread>(id, key, scriptArgs, script, mainPlatform, reportStart);
   KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, id, "initialize");
   std::lock_guard<std::mutex> lock(threadRegistryMutex);
   threadRegistry.emplace(id, std::move(thread));
@@ -318,9 +319,9 @@ void DestroyKeshThreads(const v8::FunctionCallbackInfo<v8::Value>& info) {
 void InstallExitSafety(v8::Local<v8::Context> context) {
   v8::Isolate* isolate = context->GetIsolate();
   startReports.async.data = nullptr;
-  KESH_CHECK_EQ(uv_async_init(uv_default_loop(), &startReports.async,
-                              [](uv_async_t*) { settleStarts(); }),
-                0);
+  KESH_CHECK_EQ(
+      uv_async_init(uv_default_loop(), &startReports.async, [](uv_async_t*) { settleStarts(); }),
+      0);
   uv_unref(reinterpret_cast<uv_handle_t*>(&startReports.async));
   startReports.open = true;
   // The host's teardown, and process.exit() (which skips that teardown), both join every Vuser

@@ -26,20 +26,20 @@ std::string checkValues(const A& a, const B& b) {
 
 }  // namespace kesh
 
-#define KESH_CHECK(condition)                                         \
-  do {                                                                \
+#define KESH_CHECK(condition)                                                \
+  do {                                                                       \
     if (!(condition)) ::kesh::failCheck(__FILE__, __LINE__, #condition, ""); \
   } while (0)
 
 // Shows both values, so that a failed libuv call reports its code.
-#define KESH_CHECK_EQ(a, b)                                                               \
-  do {                                                                                    \
-    const auto& kesh_check_a = (a);                                                       \
-    const auto& kesh_check_b = (b);                                                       \
-    if (!(kesh_check_a == kesh_check_b)) {                                                \
-      ::kesh::failCheck(__FILE__, __LINE__, #a " == " #b,                                 \
-                        ::kesh::checkValues(kesh_check_a, kesh_check_b));                 \
-    }                                                                                     \
+#define KESH_CHECK_EQ(a, b)                                               \
+  do {                                                                    \
+    const auto& kesh_check_a = (a);                                       \
+    const auto& kesh_check_b = (b);                                       \
+    if (!(kesh_check_a == kesh_check_b)) {                                \
+      ::kesh::failCheck(__FILE__, __LINE__, #a " == " #b,                 \
+                        ::kesh::checkValues(kesh_check_a, kesh_check_b)); \
+    }                                                                     \
   } while (0)
 
 #define KESH_UNREACHABLE() ::kesh::failCheck(__FILE__, __LINE__, "unreachable code", "")

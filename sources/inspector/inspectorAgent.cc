@@ -2,9 +2,9 @@
 
 #include <cstdio>
 
+#include "base/check.h"
 #include "inspector/inspectorIO.h"
 #include "services/KeshLogger.h"
-#include "base/check.h"
 #include "services/fileRecord.h"
 #include "vuser/threadComponents.h"
 
@@ -84,7 +84,10 @@ void InspectorClient::runMessageLoopOnPause(int) {
 void InspectorClient::quitMessageLoopOnPause() { terminated_ = true; }
 
 v8::Local<v8::Context> InspectorClient::ensureDefaultContextInGroup(int) {
-  return isolate_->GetCurrentContext();
+  // Messages may be dispatched from the loop, outside any entered context.
+  ThreadComponent* vuser = componentOf(isolate_);
+  if (vuser == nullptr || vuser->context_.IsEmpty()) return isolate_->GetCurrentContext();
+  return vuser->context_.Get(isolate_);
 }
 
 Agent::Agent(std::string host, int32_t port, const std::string&)

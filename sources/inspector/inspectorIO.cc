@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/check.h"
 #include "inspector/inspectorAgent.h"
 #include "services/KeshLogger.h"
-#include "base/check.h"
 
 // OpenSSL's, from the host process; its 3.x headers would mark the family deprecated.
 extern "C" int RAND_bytes(unsigned char* buffer, int count);
@@ -47,7 +47,6 @@ int closeAsyncAndLoop(uv_async_t* async) {
   async->data = nullptr;
   return uv_loop_close(async->loop);
 }
-
 
 // How often a wait on the client looks at the stop flag.
 constexpr std::chrono::milliseconds kStopPoll{100};

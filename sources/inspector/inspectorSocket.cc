@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "inspector/base64.h"
 #include "base/check.h"
+#include "inspector/base64.h"
 
 // The host process exports OpenSSL's digest; the add-on links no libcrypto of its own, and a
 // declaration of our own avoids the deprecation markers of the 3.x headers.

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <type_traits>
 
-#include "services/KeshLogger.h"
 #include "base/check.h"
+#include "services/KeshLogger.h"
 
 namespace kesh {
 namespace {

@@ -14,7 +14,9 @@ namespace {
 
 constexpr const char* kComponent = component::kNetworkManager;
 
-NetworkManager& managerOf(uv_handle_t* handle) { return *static_cast<NetworkManager*>(handle->data); }
+NetworkManager& managerOf(uv_handle_t* handle) {
+  return *static_cast<NetworkManager*>(handle->data);
+}
 
 void OnAlloc(uv_handle_t* handle, size_t, uv_buf_t* buf) {
   NetworkManager& manager = managerOf(handle);
@@ -93,16 +95,16 @@ void connect(NetworkManager& manager) {
   manager.state_ = ConnectionState::kClosing;
   uv_close(reinterpret_cast<uv_handle_t*>(&manager.tcp_),
            [](uv_handle_t* handle) { managerOf(handle).state_ = ConnectionState::kClosed; });
-  throw ScriptError(kComponent, std::string("failed connecting to Pelmare: ") + uv_strerror(result));
+  throw ScriptError(kComponent,
+                    std::string("failed connecting to Pelmare: ") + uv_strerror(result));
 }
 
-// Turns of the loop, with the isolate given up, until `done` or the Vuser stops. A stop used up
-// by these turns must still end the loop that runs this script.
+// Turns of the loop until `done` or the Vuser stops. A stop used up by these turns must still end
+// the loop that runs this script.
 template <typename Done>
 void waitOnLoop(EnteredVuser& here, Done done) {
   ThreadComponent& vuser = here.vuser();
   while (!done() && !isStopping(vuser.state_.get())) {
-    ReleasedVuser released(here);
     uv_run(vuser.loop_, UV_RUN_ONCE);
   }
   if (isStopping(vuser.state_.get())) uv_stop(vuser.loop_);

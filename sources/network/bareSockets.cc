@@ -147,7 +147,9 @@ void UnRegisterNewBareSocket(const v8::FunctionCallbackInfo<v8::Value>& info) {
 
 void ClearAllBareSockets(const v8::FunctionCallbackInfo<v8::Value>& info) {
   scriptFunction(info, [](EnteredVuser& here) {
-    v8::Isolate* isolate = here.isolate(); componentOf(isolate)->bare_sockets_.clear(); });
+    v8::Isolate* isolate = here.isolate();
+    componentOf(isolate)->bare_sockets_.clear();
+  });
 }
 
 void NewWebSocketBarrier(const v8::FunctionCallbackInfo<v8::Value>& info) {
@@ -331,9 +333,7 @@ uv_timer_t* BareSocket::ClosureTimer() {
   return closure_timer_;
 }
 
-void BareSocket::ReleaseBarrierTimer() {
-  closeHeapTimer(barrier_timer_);
-}
+void BareSocket::ReleaseBarrierTimer() { closeHeapTimer(barrier_timer_); }
 
 void InstallBareSocketFunctions(v8::Isolate* isolate, v8::Local<v8::Object> target) {
   RegisterFunction(isolate, target, "_registerNewBareSocket", RegisterNewBareSocket);

@@ -47,8 +47,8 @@ void routeLine(EnteredVuser& here, NetworkManager& manager, std::string_view lin
   InternalMessageType type;
   if (header.response_type_ == static_cast<int32_t>(ResponseType::kRequestResponse)) {
     message = manager.FindPendingMessage(header.message_id_);
-    type = message->is_sync ? InternalMessageType::kSyncResponse
-                            : InternalMessageType::kAsyncResponse;
+    type =
+        message->is_sync ? InternalMessageType::kSyncResponse : InternalMessageType::kAsyncResponse;
   } else if (header.response_type_ == static_cast<int32_t>(ResponseType::kSocketMessage)) {
     message = std::make_shared<NetworkMessage>();
     message->socket_id = header.socket_id_;
@@ -89,7 +89,8 @@ bool send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& me
   size_t sent = written > 0 ? static_cast<size_t>(written) : 0;
   auto* write = new WriteRequest{{}, manager, message};
   write->req.data = write;
-  uv_buf_t rest = uv_buf_init(payload.data() + sent, static_cast<unsigned int>(payload.size() - sent));
+  uv_buf_t rest =
+      uv_buf_init(payload.data() + sent, static_cast<unsigned int>(payload.size() - sent));
   int result = uv_write(&write->req, stream, &rest, 1, OnWriteDone);
   if (result == 0) return true;
   delete write;
@@ -131,7 +132,8 @@ void Send(const v8::FunctionCallbackInfo<v8::Value>& info) {
       std::lock_guard<std::mutex> lock(manager.pending_mutex_);
       manager.pending_messages_.emplace(message->id, message);
     }
-    if (!send_msg(&manager, message)) throw ScriptError(kComponent, std::string("_send") + kNotConnected);
+    if (!send_msg(&manager, message))
+      throw ScriptError(kComponent, std::string("_send") + kNotConnected);
   });
 }
 
@@ -155,7 +157,8 @@ void OnMessage(NetworkManager* manager, std::string_view line) {
   LogAndThrowError(isolate, kComponent, text);
   // No script stands below a read: a waiting blocking request throws the failure, and otherwise
   // it ends in the log.
-  if (manager->sync_waiting_) manager->sync_failure_.Reset(isolate, ExceptionToObject(isolate, tryCatch));
+  if (manager->sync_waiting_)
+    manager->sync_failure_.Reset(isolate, ExceptionToObject(isolate, tryCatch));
   manager->StopSyncWait();
 }
 

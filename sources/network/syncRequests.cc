@@ -62,7 +62,6 @@ void SendSyncEventLoopRunner(EnteredVuser& here, NetworkManager& manager,
   // A written-only request whose bytes already left has nothing to wait for.
   manager.sync_waiting_ = message->wait_for_response || !message->written;
   while (manager.sync_waiting_ && !isStopping(vuser.state_.get())) {
-    ReleasedVuser released(here);
     uv_run(vuser.loop_, UV_RUN_DEFAULT);
   }
   manager.sync_waiting_ = false;

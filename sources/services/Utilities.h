@@ -21,7 +21,8 @@ struct ScriptError : std::exception {
   const char* component;
   std::string text;
   ErrorKind kind;
-  ScriptError(const char* component_name, std::string message, ErrorKind error_kind = ErrorKind::kError)
+  ScriptError(const char* component_name, std::string message,
+              ErrorKind error_kind = ErrorKind::kError)
       : component(component_name), text(std::move(message)), kind(error_kind) {}
   const char* what() const noexcept override { return text.c_str(); }
 };

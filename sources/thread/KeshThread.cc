@@ -70,8 +70,7 @@ void requestStop(ThreadComponent& vuser) {
 }
 
 KeshThread::KeshThread(uint32_t vuser_id, std::string script_path, std::string script_args,
-                       FileRecord* script, node::MultiIsolatePlatform* platform,
-                       StartReport report)
+                       FileRecord* script, node::MultiIsolatePlatform* platform, StartReport report)
     : vuser_id_(vuser_id),
       thread_component_(std::make_unique<ThreadComponent>(vuser_id, std::move(script_path),
                                                           std::move(script_args))),
@@ -126,19 +125,21 @@ void KeshThread::threadMain() {
   std::string error;
   std::unique_ptr<VuserRuntime> runtime =
       VuserRuntime::create(vuser, platform_, isolateSettings(), &error);
-  bool started = false;
   if (runtime == nullptr) {
     KeshLogger::log(LogLevel::kError, kComponent, vuser_id_,
                     "failed during user initialization " + error);
+    vuser.state_.move({VuserState::kStarting}, VuserState::kFailed);
+    start_report_(vuser_id_, false);
   } else {
+    // Held while the script may run: Node's own handles on this loop expect the lock held.
+    v8::Locker locker(runtime->isolate());
     openWake(vuser, onWake);
     KESH_CHECK_EQ(uv_prepare_init(vuser.loop_, &vuser.async_callbacks_prepare_), 0);
     vuser.drain_callback_ = onAsyncCallbacksPrepare;
-    started = runScript();
-  }
-  vuser.state_.move({VuserState::kStarting}, started ? VuserState::kRunning : VuserState::kFailed);
-  start_report_(vuser_id_, started);
-  if (runtime != nullptr) {
+    bool started = runScript();
+    vuser.state_.move({VuserState::kStarting},
+                      started ? VuserState::kRunning : VuserState::kFailed);
+    start_report_(vuser_id_, started);
     startIdleCollection(&vuser);
     runtime->spin();
     releaseScriptValues();
@@ -214,20 +215,20 @@ bool KeshThread::compileAndRun() {
   // the object it is given, and many Vusers consume the one cache at once.
   const v8::ScriptCompiler::CachedData* shared =
       cached != nullptr ? cached->GetCachedData() : nullptr;
-  auto* view = shared == nullptr
-                   ? nullptr
-                   : new v8::ScriptCompiler::CachedData(
-                         shared->data, shared->length, v8::ScriptCompiler::CachedData::BufferNotOwned);
+  auto* view = shared == nullptr ? nullptr
+                                 : new v8::ScriptCompiler::CachedData(
+                                       shared->data, shared->length,
+                                       v8::ScriptCompiler::CachedData::BufferNotOwned);
   v8::ScriptCompiler::Source source(SourceText(isolate, *file),
                                     v8::ScriptOrigin(isolate, ToV8String(isolate, file->fileName)),
                                     view);
   v8::Local<v8::UnboundScript> unbound;
   v8::Local<v8::Value> result;
   std::string failure;
-  if (!v8::ScriptCompiler::CompileUnboundScript(
-           isolate, &source,
-           view != nullptr ? v8::ScriptCompiler::kConsumeCodeCache
-                           : v8::ScriptCompiler::kNoCompileOptions)
+  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
+                                                view != nullptr
+                                                    ? v8::ScriptCompiler::kConsumeCodeCache
+                                                    : v8::ScriptCompiler::kNoCompileOptions)
            .ToLocal(&unbound)) {
     failure = "Error compiling the script " + ExceptionToString(isolate, tryCatch);
     KeshLogger::log(LogLevel::kError, kComponent, vuser_id_, failure);

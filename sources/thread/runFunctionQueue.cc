@@ -159,7 +159,8 @@ void runAsyncCallbacks(ThreadComponent* tc, bool fromScript) {
   try {
     // Lines read from the service become queued calls first, ahead of this drain.
     if (tc->network_ != nullptr) ProcessNetworkMessages(tc);
-    KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_, "execute async callbacks function");
+    KeshLogger::log(LogLevel::kTrace, kComponent, tc->vuser_id_,
+                    "execute async callbacks function");
     v8::Local<v8::Object> global = context->Global();
     while (!tc->async_callbacks_.empty()) {
       AsyncCallbackEntry entry;

@@ -13,6 +13,8 @@ namespace kesh {
 // and the Vuser's context entered, given up in reverse order when it goes out of scope. The first
 // line of every native function a script or a libuv callback of the Vuser calls; helpers that
 // need the isolate take an EnteredVuser&, so the compiler proves that their caller is inside.
+// The Vuser thread also holds the lock for as long as its script may run, since Node's own
+// handles on the Vuser's loop expect it held; the lock here is then the same, taken again.
 class EnteredVuser {
  public:
   explicit EnteredVuser(v8::Isolate* isolate)
@@ -42,19 +44,6 @@ class EnteredVuser {
   ThreadComponent* vuser_;
   v8::Local<v8::Context> context_;
   v8::Context::Scope context_scope_;
-};
-
-// The isolate's lock given up on purpose while this thread blocks (a nested loop waiting on the
-// connection); every callback of that loop enters again with an EnteredVuser of its own.
-class ReleasedVuser {
- public:
-  explicit ReleasedVuser(EnteredVuser& here) : unlocker_(here.isolate()) {}
-  ReleasedVuser(const ReleasedVuser&) = delete;
-  ReleasedVuser& operator=(const ReleasedVuser&) = delete;
-  static void* operator new(size_t) = delete;
-
- private:
-  v8::Unlocker unlocker_;
 };
 
 }  // namespace kesh

@@ -29,7 +29,7 @@ bool allowed(VuserState from, VuserState to) {
 }  // namespace
 
 const char* stateName(VuserState state) {
-  static const char* const kNames[] = {"created", "starting", "running", "failed",
+  static const char* const kNames[] = {"created",  "starting", "running", "failed",
                                        "stopping", "stopped",  "joined"};
   return kNames[static_cast<int>(state)];
 }
@@ -43,9 +43,7 @@ bool StateCell::move(std::initializer_list<VuserState> from, VuserState to) {
     KESH_CHECK(allowed(current, to));
     if (state_.compare_exchange_weak(current, to, std::memory_order_acq_rel)) break;
   }
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-  }
+  { std::lock_guard<std::mutex> lock(mutex_); }
   changed_.notify_all();
   return true;
 }

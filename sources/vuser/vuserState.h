@@ -12,7 +12,15 @@ namespace kesh {
 // (any thread: a stop, process.exit() in the script, a rejected run function) -> Stopped (Vuser
 // thread, when everything it owned is released) -> Joined (main thread, after the join). A Vuser
 // whose thread could not start goes from Starting straight to Joined.
-enum class VuserState : int { kCreated, kStarting, kRunning, kFailed, kStopping, kStopped, kJoined };
+enum class VuserState : int {
+  kCreated,
+  kStarting,
+  kRunning,
+  kFailed,
+  kStopping,
+  kStopped,
+  kJoined
+};
 
 const char* stateName(VuserState state);
 
