@@ -76,8 +76,10 @@ void SendSyncEventLoopRunner(EnteredVuser& here, NetworkManager& manager,
                     "thread aborted during sync request - exiting");
     throw std::runtime_error(kAborted);
   }
-  if (!manager.sync_closed_.empty()) throw std::runtime_error(manager.sync_closed_);
+  // Queued calls run again whatever ended the wait.
   resumeQueueDrain(vuser);
+  bool answered = message->wait_for_response ? !message->response.empty() : message->written;
+  if (!answered && !manager.sync_closed_.empty()) throw std::runtime_error(manager.sync_closed_);
 }
 
 void SendSync(const v8::FunctionCallbackInfo<v8::Value>& info) {
