@@ -17,18 +17,6 @@ std::unique_ptr<v8_inspector::StringBuffer> utf16Buffer(const std::string& text)
   return v8_inspector::StringBuffer::create(ViewOf(converted));
 }
 
-// A protocol string of a V8 value: empty for anything but a string.
-std::unique_ptr<v8_inspector::StringBuffer> protocolString(v8::Isolate* isolate,
-                                                           v8::Local<v8::Value> value) {
-  if (value.IsEmpty() || !value->IsString()) {
-    return v8_inspector::StringBuffer::create(v8_inspector::StringView());
-  }
-  v8::Local<v8::String> string = value.As<v8::String>();
-  std::u16string text(static_cast<size_t>(string->Length()), u'\0');
-  string->Write(isolate, reinterpret_cast<uint16_t*>(text.data()), 0, string->Length());
-  return v8_inspector::StringBuffer::create(ViewOf(text));
-}
-
 }  // namespace
 
 InspectorChannel::InspectorChannel(v8_inspector::V8Inspector* inspector,
@@ -153,63 +141,6 @@ void Agent::Stop() {
     io_->Stop();
     io_.reset();
   }
-  if (isolate_ == nullptr) return;
-  v8::HandleScope scope(isolate_);
-  if (!disable_async_hook_.IsEmpty()) {
-    v8::Local<v8::Context> context = isolate_->GetCurrentContext();
-    v8::Local<v8::Function> disable = disable_async_hook_.Get(isolate_);
-    if (disable->Call(context, v8::Undefined(isolate_), 0, nullptr).IsEmpty()) {
-      // Thrown on into a thread body that ends, it would end the host too.
-      KeshLogger::log(LogLevel::kError, component::kKeshInspector,
-                      "Cannot disable Inspector's AsyncHook, please report this.");
-    }
-  }
-}
-
-void Agent::WaitForDisconnect() {
-  KESH_CHECK(client_ != nullptr);
-  client_->inspector_->contextDestroyed(isolate_->GetCurrentContext());
-  if (io_ != nullptr) io_->WaitForDisconnect();
-}
-
-void Agent::FatalException(v8::Local<v8::Value> error, v8::Local<v8::Message> message) {
-  if (client_ == nullptr) return;
-  v8::HandleScope scope(isolate_);
-  v8::Local<v8::Context> context = isolate_->GetCurrentContext();
-  int script_id = message->GetScriptOrigin().ScriptId();
-  v8::Local<v8::StackTrace> stack = message->GetStackTrace();
-  if (!stack.IsEmpty() && stack->GetFrameCount() > 0 &&
-      script_id == stack->GetFrame(isolate_, 0)->GetScriptId()) {
-    script_id = 0;
-  }
-  static const uint8_t kDetails[] = "Uncaught";
-  std::unique_ptr<v8_inspector::StringBuffer> url =
-      protocolString(isolate_, message->GetScriptResourceName());
-  std::unique_ptr<v8_inspector::StringBuffer> text = protocolString(isolate_, message->Get());
-  client_->inspector_->exceptionThrown(
-      context, v8_inspector::StringView(kDetails, sizeof(kDetails) - 1), error, text->string(),
-      url->string(), static_cast<unsigned>(message->GetLineNumber(context).FromMaybe(0)),
-      static_cast<unsigned>(message->GetStartColumn(context).FromMaybe(0)),
-      client_->inspector_->createStackTrace(stack), script_id);
-  WaitForDisconnect();
-}
-
-void Agent::ContextCreated(v8::Local<v8::Context> context) {
-  if (client_ == nullptr) return;
-  client_->ReportContext(context, "VM Context " + std::to_string(next_context_number_++));
-}
-
-void Agent::RegisterAsyncHook(v8::Local<v8::Function> enable, v8::Local<v8::Function> disable) {
-  enable_async_hook_.Reset();
-  if (!enable.IsEmpty()) enable_async_hook_.Reset(isolate_, enable);
-  disable_async_hook_.Reset();
-  if (!disable.IsEmpty()) disable_async_hook_.Reset(isolate_, disable);
-}
-
-bool Agent::IsConnected() {
-  if (io_ == nullptr) return false;
-  InspectorIoDelegate* delegate = io_->delegate_.load();
-  return delegate != nullptr && delegate->connected_.load();
 }
 
 std::unique_ptr<Agent> StartInspectorAgent(ThreadComponent* tc, const std::string& host,

@@ -60,9 +60,6 @@ class Agent {
   std::string path_;
   std::string host_;
   int32_t port_;
-  int32_t next_context_number_ = 1;
-  v8::Global<v8::Function> enable_async_hook_;
-  v8::Global<v8::Function> disable_async_hook_;
 
   // The script name is not kept: Start brings its own.
   Agent(std::string host, int32_t port, const std::string& script_name);
@@ -82,11 +79,6 @@ class Agent {
   InspectorIo* io() { return io_.get(); }
 
   // Offered to embedders of the agent; nothing in the add-on calls them.
-  void WaitForDisconnect();
-  void FatalException(v8::Local<v8::Value> error, v8::Local<v8::Message> message);
-  void ContextCreated(v8::Local<v8::Context> context);
-  void RegisterAsyncHook(v8::Local<v8::Function> enable, v8::Local<v8::Function> disable);
-  bool IsConnected();
 
   // The agent of the calling thread's isolate, or null once it is freed: what a late task or
   // interrupt reaches instead of a pointer of its own.

@@ -361,21 +361,6 @@ void InspectorIo::Stop() {
   DispatchMessages();
 }
 
-void InspectorIo::WaitForDisconnect() {
-  if (state_ == State::kAccepting) {
-    state_ = State::kDone;
-    return;
-  }
-  if (state_ != State::kConnected) return;
-  state_ = State::kShutDown;
-  Write(TransportAction::kStop, 0, v8_inspector::StringView());
-  fprintf(stderr, "Waiting for the debugger to disconnect...\n");
-  fflush(stderr);
-  Agent* agent = main_thread_req_->second;
-  KESH_CHECK(agent->client_ != nullptr);
-  agent->client_->runMessageLoopOnPause(kContextGroupId);
-}
-
 bool Utf8ToUtf16(const std::string& text, std::u16string* out) {
   out->clear();
   out->reserve(text.size());

@@ -127,7 +127,7 @@ class InspectorIo {
   // messages are answered meanwhile. false when the server could not start.
   bool Start();
   void Stop();
-  void WaitForDisconnect();
+
   void DispatchMessages();
   void WaitForFrontendMessage();
   void Write(TransportAction action, int32_t session_id, const v8_inspector::StringView& message);

@@ -146,63 +146,56 @@ void setGlobal(v8::Isolate* isolate, const v8::TryCatch& tryCatch, v8::Local<v8:
   }
 }
 
-// Everything of keshRequire but the bracket and the scopes. Returns the result, empty for
-// undefined; a failure leaves its exception in tryCatch.
-v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& info,
-                                   const v8::TryCatch& tryCatch) {
-  v8::Isolate* isolate = info.GetIsolate();
-  v8::Local<v8::Context> context = isolate->GetCurrentContext();
-  v8::Local<v8::String> dirnameKey = ToV8String(isolate, "__dirname", StringType::kInternalized);
-  v8::Local<v8::String> filenameKey = ToV8String(isolate, "__filename", StringType::kInternalized);
-  v8::Local<v8::String> parentKey = ToV8String(isolate, "parent", StringType::kInternalized);
-
-  int argc = info.Length();
-  if ((argc != 2 && argc != 3) || !info[1]->IsString() || !info[0]->IsString() ||
-      (argc == 3 && info[2]->IsNullOrUndefined())) {
-    LogAndThrowError(isolate, kComponent,
-                     "Require::RequireFunction - Expects at least 2 arguments: 1) file "
-                     "name(string), 2) dir name(string)");
-    return {};
+// Sets back __dirname and __filename as they were when it was made, when it goes out of scope,
+// unless dismissed: a module that fails to compile leaves them pointing at itself.
+class RestoreGlobalsOnLeave {
+ public:
+  RestoreGlobalsOnLeave(v8::Isolate* isolate, const v8::TryCatch& tryCatch,
+                        v8::Local<v8::String> dirnameKey, v8::Local<v8::String> dirname,
+                        v8::Local<v8::String> filenameKey, v8::Local<v8::String> filename)
+      : isolate_(isolate),
+        try_catch_(tryCatch),
+        dirname_key_(dirnameKey),
+        dirname_(dirname),
+        filename_key_(filenameKey),
+        filename_(filename) {}
+  ~RestoreGlobalsOnLeave() {
+    if (dismissed_) return;
+    setGlobal(isolate_, try_catch_, dirname_key_, dirname_);
+    setGlobal(isolate_, try_catch_, filename_key_, filename_);
   }
-  std::string dirName = utf8Text(isolate, info[1]);
-  std::string fileName = utf8Text(isolate, info[0]);
-  v8::Local<v8::Value> load = argc == 3 ? info[2] : v8::Undefined(isolate).As<v8::Value>();
+  void dismiss() { dismissed_ = true; }
 
+ private:
+  v8::Isolate* isolate_;
+  const v8::TryCatch& try_catch_;
+  v8::Local<v8::String> dirname_key_;
+  v8::Local<v8::String> dirname_;
+  v8::Local<v8::String> filename_key_;
+  v8::Local<v8::String> filename_;
+  bool dismissed_ = false;
+};
+
+// One keshRequire call, phase by phase. A failure leaves its exception in the call's TryCatch.
+struct RequireCall {
+  v8::Isolate* isolate;
+  v8::Local<v8::Context> context;
+  const v8::TryCatch& tryCatch;
+  std::string fileName;
+  std::string dirName;
+  v8::Local<v8::Value> load;
   v8::Local<v8::String> savedDirname;
-  if (!readGlobal(context, dirnameKey, &savedDirname)) {
-    LogAndThrowError(isolate, kComponent, "cannot get __dirname");
-    return {};
-  }
   v8::Local<v8::String> savedFilename;
-  if (!readGlobal(context, filenameKey, &savedFilename)) {
-    LogAndThrowError(isolate, kComponent, "cannot get __filename");
-    return {};
-  }
-  auto restoreGlobals = [&] {
-    setGlobal(isolate, tryCatch, dirnameKey, savedDirname);
-    setGlobal(isolate, tryCatch, filenameKey, savedFilename);
-  };
+  v8::Local<v8::String> newFilename;
+  v8::Local<v8::String> newDirname;
 
-  std::unique_ptr<FileRecord> resolved = ResolveRequiredFile(fileName, dirName);
-  if (!resolved) {
-    LogAndThrowError(isolate, kComponent,
-                     "Require function couldn't resolve path for the file [" + fileName +
-                         "] in folder: [" + dirName + "]");
-    return {};
-  }
-  // Element references survive the inserts of nested loads.
-  v8::Global<v8::Value>& loaded = componentOf(isolate)->module_table_[resolved->fullPath.get()];
-  if (!loaded.IsEmpty()) {
-    v8::Local<v8::Value> result = v8::Local<v8::Value>::New(isolate, loaded);
-    restoreGlobals();
-    return result;
-  }
-
-  FileCacheManager& files = FileCacheManager::instance();
-  FileRecord* record = resolved.release();
-  std::unique_ptr<FileRecord, RecordRelease> own;  // a record of ours that the cache did not take
-  if (!files.lookup(record)) {
-    own.reset(record);
+  // The module's text, from the file cache or read now into it; null with the error thrown.
+  FileRecord* loadRecord(std::unique_ptr<FileRecord> resolved,
+                         std::unique_ptr<FileRecord, RecordRelease>* own) {
+    FileCacheManager& files = FileCacheManager::instance();
+    FileRecord* record = resolved.release();
+    if (files.lookup(record)) return record;
+    own->reset(record);
     int32_t size = 0;
     std::unique_ptr<char[]> contents;
     try {
@@ -213,7 +206,7 @@ v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& in
       LogAndThrowError(isolate, kComponent,
                        "Require::RequireFunction - couldn't load the file " + fileName +
                            " in folder: " + dirName + ": " + e.what());
-      return {};
+      return nullptr;
     }
     if (record->kind == FileKind::kJavaScript) {
       record->text.reserve(sizeof(kPrefix) + size + sizeof(kSuffix));
@@ -225,124 +218,181 @@ v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& in
     record->size = static_cast<int32_t>(record->text.size());
     isolate->AdjustAmountOfExternalAllocatedMemory(record->size);
     // The loser of a race uses its own record for this load and gives it back afterwards.
-    if (files.add(record)) own.release();
+    if (files.add(record)) own->release();
+    return record;
   }
-  KeshLogger::log(
-      LogLevel::kTrace, kComponent,
-      "Require::RequireFunction - successfully loaded " + fileName + " in folder: " + dirName);
 
-  v8::Local<v8::String> newFilename = ToV8String(isolate, record->fileName);
-  v8::Local<v8::String> newDirname = ToV8String(isolate, record->dirName.get());
-  setGlobal(isolate, tryCatch, filenameKey, newFilename);
-  setGlobal(isolate, tryCatch, dirnameKey, newDirname);
-  if (tryCatch.HasCaught()) return {};
-
-  if (record->kind == FileKind::kJson) {
+  v8::Local<v8::Value> parseJson(const FileRecord& record) {
     v8::Local<v8::Value> parsed;
-    if (!v8::JSON::Parse(context, ToV8String(isolate, record->source)).ToLocal(&parsed) ||
+    if (!v8::JSON::Parse(context, ToV8String(isolate, record.source)).ToLocal(&parsed) ||
         tryCatch.HasCaught()) {
       if (!tryCatch.HasCaught()) {
         isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, "Failed to parse JSON")));
       }
-      restoreGlobals();
       return {};
     }
-    loaded.Reset(isolate, parsed);
-    restoreGlobals();
     return parsed;
   }
 
-  v8::Local<v8::String> resourceName = ToV8String(isolate, record->fullPath.get());
-  v8::ScriptCompiler::Source* cached =
-      ScriptCacheManager::instance().getOrCompile(isolate, *record);
-  if (cached == nullptr && tryCatch.HasCaught()) return {};
-  v8::Local<v8::String> sourceText = SourceText(isolate, *record);
-  if (tryCatch.HasCaught()) {
-    LogAndThrowError(isolate, kComponent, ExceptionToString(isolate, tryCatch));
-    return {};
-  }
-
-  // The Source gets a wrapper that does not own the shared buffer: it may delete the wrapper, and
-  // V8's rejected flag is written here rather than into the object that every isolate reads.
-  const v8::ScriptCompiler::CachedData* shared =
-      cached != nullptr ? cached->GetCachedData() : nullptr;
-  auto* data = shared == nullptr ? nullptr
-                                 : new v8::ScriptCompiler::CachedData(
-                                       shared->data, shared->length,
-                                       v8::ScriptCompiler::CachedData::BufferNotOwned);
-  v8::ScriptOrigin origin(isolate, resourceName);
-  v8::ScriptCompiler::Source source(sourceText, origin, data);
-  v8::Local<v8::UnboundScript> unbound;
-  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
-                                                data != nullptr
-                                                    ? v8::ScriptCompiler::kConsumeCodeCache
-                                                    : v8::ScriptCompiler::kNoCompileOptions)
-           .ToLocal(&unbound) ||
-      tryCatch.HasCaught()) {
-    // The script gets the whole record of the error: file, line, column, source line.
-    isolate->ThrowException(ExceptionToObject(isolate, tryCatch));
-    return {};
-  }
-
-  v8::Local<v8::Value> completion;
-  if (!unbound->BindToCurrentContext()->Run(context).ToLocal(&completion) || tryCatch.HasCaught()) {
-    LogAndThrowError(isolate, kComponent, ExceptionToString(isolate, tryCatch));
-    restoreGlobals();
-    return {};
-  }
-  if (!completion->IsFunction()) {  // not a wrapped module: nothing runs and nothing is stored
-    restoreGlobals();
-    return {};
-  }
-
-  v8::Local<v8::String> exportsKey = ToV8String(isolate, "exports", StringType::kInternalized);
-  auto define = [&](v8::Local<v8::Object> target, v8::Local<v8::String> key,
-                    v8::Local<v8::Value> value) {
-    if (target->CreateDataProperty(context, key, value).IsNothing() && !tryCatch.HasCaught()) {
-      LogAndThrowError(isolate, kComponent, "Object::CreateDataProperty failed");
+  // The module's wrapper function, compiled from the shared code cache when it has an entry.
+  v8::Local<v8::Value> compile(const FileRecord& record, RestoreGlobalsOnLeave* restore) {
+    v8::Local<v8::String> resourceName = ToV8String(isolate, record.fullPath.get());
+    v8::ScriptCompiler::Source* cached =
+        ScriptCacheManager::instance().getOrCompile(isolate, record);
+    if (cached == nullptr && tryCatch.HasCaught()) {
+      restore->dismiss();
+      return {};
     }
-  };
-  v8::Local<v8::Object> module = v8::Object::New(isolate);
-  v8::Local<v8::Object> exports = v8::Object::New(isolate);
-  define(module, exportsKey, exports);
-  v8::Local<v8::Object> parent = v8::Object::New(isolate);
-  define(parent, ToV8String(isolate, "filename", StringType::kInternalized), savedFilename);
-  define(parent, ToV8String(isolate, "path", StringType::kInternalized), savedDirname);
-  define(module, parentKey, parent);
-  define(module, ToV8String(isolate, "filename", StringType::kInternalized), newFilename);
-  define(module, ToV8String(isolate, "path", StringType::kInternalized), newDirname);
-  if (KeshLogger::produces(LogLevel::kTrace)) {
-    KeshLogger::log(LogLevel::kTrace, kComponent,
-                    std::string("running required file ") + record->fullPath.get());
+    v8::Local<v8::String> sourceText = SourceText(isolate, record);
+    // Each compile reads the shared cache through a view of its own: V8 writes its verdict into
+    // the object it is given, and many Vusers consume the one cache at once.
+    const v8::ScriptCompiler::CachedData* shared =
+        cached != nullptr ? cached->GetCachedData() : nullptr;
+    auto* view = shared == nullptr ? nullptr
+                                   : new v8::ScriptCompiler::CachedData(
+                                         shared->data, shared->length,
+                                         v8::ScriptCompiler::CachedData::BufferNotOwned);
+    v8::ScriptCompiler::Source source(sourceText, v8::ScriptOrigin(isolate, resourceName), view);
+    v8::Local<v8::UnboundScript> unbound;
+    if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
+                                                  view != nullptr
+                                                      ? v8::ScriptCompiler::kConsumeCodeCache
+                                                      : v8::ScriptCompiler::kNoCompileOptions)
+             .ToLocal(&unbound) ||
+        tryCatch.HasCaught()) {
+      // The script gets the whole record of the error: file, line, column, source line.
+      isolate->ThrowException(ExceptionToObject(isolate, tryCatch));
+      restore->dismiss();
+      return {};
+    }
+    v8::Local<v8::Value> completion;
+    if (!unbound->BindToCurrentContext()->Run(context).ToLocal(&completion) ||
+        tryCatch.HasCaught()) {
+      LogAndThrowError(isolate, kComponent, ExceptionToString(isolate, tryCatch));
+      return {};
+    }
+    return completion;
   }
 
-  v8::Local<v8::Value> args[] = {module, exports, newFilename, newDirname, load};
-  v8::Local<v8::Value> returned;
-  if (!completion.As<v8::Function>()
-           ->Call(context, context->Global(), 5, args)
-           .ToLocal(&returned) ||
-      tryCatch.HasCaught()) {
-    if (!tryCatch.HasCaught()) {
-      isolate->ThrowException(
-          v8::Exception::Error(ToV8String(isolate, "Failed to get script result")));
+  // Calls the wrapper with module, exports, file and folder names and `load`; module.exports.
+  v8::Local<v8::Value> run(const FileRecord& record, v8::Local<v8::Function> wrapper,
+                           RestoreGlobalsOnLeave* restore) {
+    auto define = [&](v8::Local<v8::Object> target, const char* key, v8::Local<v8::Value> value) {
+      v8::Local<v8::String> name = ToV8String(isolate, key, StringType::kInternalized);
+      if (target->CreateDataProperty(context, name, value).IsNothing() && !tryCatch.HasCaught()) {
+        LogAndThrowError(isolate, kComponent, "Object::CreateDataProperty failed");
+      }
+    };
+    v8::Local<v8::Object> module = v8::Object::New(isolate);
+    v8::Local<v8::Object> exports = v8::Object::New(isolate);
+    define(module, "exports", exports);
+    v8::Local<v8::Object> parent = v8::Object::New(isolate);
+    define(parent, "filename", savedFilename);
+    define(parent, "path", savedDirname);
+    define(module, "parent", parent);
+    define(module, "filename", newFilename);
+    define(module, "path", newDirname);
+    if (KeshLogger::produces(LogLevel::kTrace)) {
+      KeshLogger::log(LogLevel::kTrace, kComponent,
+                      std::string("running required file ") + record.fullPath.get());
     }
-    restoreGlobals();
+    v8::Local<v8::Value> args[] = {module, exports, newFilename, newDirname, load};
+    v8::Local<v8::Value> returned;
+    if (!wrapper->Call(context, context->Global(), 5, args).ToLocal(&returned) ||
+        tryCatch.HasCaught()) {
+      if (!tryCatch.HasCaught()) {
+        isolate->ThrowException(
+            v8::Exception::Error(ToV8String(isolate, "Failed to get script result")));
+      }
+      return {};
+    }
+    if (IsRejectedPromise(returned)) {
+      v8::Local<v8::Message> message =
+          v8::Exception::CreateMessage(isolate, returned.As<v8::Promise>()->Result());
+      LogAndThrowError(isolate, kComponent,
+                       "Error running required file: " + utf8Text(isolate, message->Get()));
+      restore->dismiss();
+      return {};
+    }
+    v8::Local<v8::Value> result;
+    v8::Local<v8::String> exportsKey = ToV8String(isolate, "exports", StringType::kInternalized);
+    if (!module->Get(context, exportsKey).ToLocal(&result)) return {};  // a getter threw
+    return result;
+  }
+};
+
+// Reads keshRequire's arguments into the call; false with the error thrown when they are wrong.
+bool readArguments(const v8::FunctionCallbackInfo<v8::Value>& info, RequireCall* call) {
+  int argc = info.Length();
+  if ((argc != 2 && argc != 3) || !info[1]->IsString() || !info[0]->IsString() ||
+      (argc == 3 && info[2]->IsNullOrUndefined())) {
+    LogAndThrowError(call->isolate, kComponent,
+                     "Require::RequireFunction - Expects at least 2 arguments: 1) file "
+                     "name(string), 2) dir name(string)");
+    return false;
+  }
+  call->dirName = utf8Text(call->isolate, info[1]);
+  call->fileName = utf8Text(call->isolate, info[0]);
+  call->load = argc == 3 ? info[2] : v8::Undefined(call->isolate).As<v8::Value>();
+  return true;
+}
+
+// Everything of keshRequire but the frame. Returns the result, empty for undefined; a failure
+// leaves its exception in tryCatch.
+v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& info,
+                                   const v8::TryCatch& tryCatch) {
+  v8::Isolate* isolate = info.GetIsolate();
+  RequireCall call{isolate, isolate->GetCurrentContext(), tryCatch, {}, {}, {}, {}, {}, {}, {}};
+  if (!readArguments(info, &call)) return {};
+  v8::Local<v8::String> dirnameKey = ToV8String(isolate, "__dirname", StringType::kInternalized);
+  v8::Local<v8::String> filenameKey = ToV8String(isolate, "__filename", StringType::kInternalized);
+  if (!readGlobal(call.context, dirnameKey, &call.savedDirname)) {
+    LogAndThrowError(isolate, kComponent, "cannot get __dirname");
     return {};
   }
-  if (IsRejectedPromise(returned)) {
-    v8::Local<v8::Message> message =
-        v8::Exception::CreateMessage(isolate, returned.As<v8::Promise>()->Result());
+  if (!readGlobal(call.context, filenameKey, &call.savedFilename)) {
+    LogAndThrowError(isolate, kComponent, "cannot get __filename");
+    return {};
+  }
+  std::unique_ptr<FileRecord> resolved = ResolveRequiredFile(call.fileName, call.dirName);
+  if (!resolved) {
     LogAndThrowError(isolate, kComponent,
-                     "Error running required file: " + utf8Text(isolate, message->Get()));
+                     "Require function couldn't resolve path for the file [" + call.fileName +
+                         "] in folder: [" + call.dirName + "]");
+    return {};
+  }
+  RestoreGlobalsOnLeave restore(isolate, tryCatch, dirnameKey, call.savedDirname, filenameKey,
+                                call.savedFilename);
+  // Element references survive the inserts of nested loads.
+  v8::Global<v8::Value>& loaded = componentOf(isolate)->module_table_[resolved->fullPath.get()];
+  if (!loaded.IsEmpty()) return loaded.Get(isolate);
+  std::unique_ptr<FileRecord, RecordRelease> own;  // a record of ours that the cache did not take
+  FileRecord* record = call.loadRecord(std::move(resolved), &own);
+  if (record == nullptr) {
+    restore.dismiss();
+    return {};
+  }
+  KeshLogger::log(LogLevel::kTrace, kComponent,
+                  "Require::RequireFunction - successfully loaded " + call.fileName +
+                      " in folder: " + call.dirName);
+  call.newFilename = ToV8String(isolate, record->fileName);
+  call.newDirname = ToV8String(isolate, record->dirName.get());
+  setGlobal(isolate, tryCatch, filenameKey, call.newFilename);
+  setGlobal(isolate, tryCatch, dirnameKey, call.newDirname);
+  if (tryCatch.HasCaught()) {
+    restore.dismiss();
     return {};
   }
   v8::Local<v8::Value> result;
-  if (!module->Get(context, exportsKey).ToLocal(&result)) {  // a getter the module put there threw
-    restoreGlobals();
-    return {};
+  if (record->kind == FileKind::kJson) {
+    result = call.parseJson(*record);
+  } else {
+    v8::Local<v8::Value> wrapper = call.compile(*record, &restore);
+    // Not a wrapped module: nothing runs and nothing is stored.
+    if (wrapper.IsEmpty() || !wrapper->IsFunction()) return {};
+    result = call.run(*record, wrapper.As<v8::Function>(), &restore);
   }
-  loaded.Reset(isolate, result);
-  restoreGlobals();
+  if (!result.IsEmpty()) loaded.Reset(isolate, result);
   return result;
 }
 

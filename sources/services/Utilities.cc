@@ -69,28 +69,6 @@ v8::Local<v8::String> SourceText(v8::Isolate* isolate, const FileRecord& record)
   return ToV8String(isolate, text, length);
 }
 
-std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value) {
-  v8::HandleScope scope(isolate);
-  v8::TryCatch tryCatch(isolate);
-  std::string copy;
-  bool converted = false;
-  {
-    v8::String::Utf8Value utf8(isolate, value);
-    if (*utf8 != nullptr) {
-      copy.assign(*utf8);  // ends at the first zero byte
-      converted = true;
-    }
-  }
-  if (!converted || tryCatch.HasCaught()) {
-    static const char kMessage[] = "Failed converting v8 string to std::string";
-    KeshLogger::log(LogLevel::kError, "", kMessage);
-    isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, kMessage)));
-    tryCatch.ReThrow();
-    return std::string();
-  }
-  return copy;
-}
-
 void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const char* name,
                       v8::FunctionCallback callback) {
   v8::HandleScope scope(isolate);
@@ -172,44 +150,6 @@ std::string ExceptionToString(v8::Isolate* isolate, const v8::TryCatch& tryCatch
     return std::string();
   }
   return utf8Text(isolate, json);
-}
-
-v8::Local<v8::Value> ExceptionStringToObject(v8::Isolate* isolate, const std::string& text) {
-  v8::Local<v8::Context> context = isolate->GetCurrentContext();
-  v8::Local<v8::Value> value;
-  if (!v8::JSON::Parse(context, ToV8String(isolate, text)).ToLocal(&value)) {
-    KeshLogger::log(LogLevel::kError, component::kUtilities,
-                    "Failed converting exception string to object");
-    return v8::Null(isolate);
-  }
-  return value;
-}
-
-void PrintObjectProperties(v8::Isolate* isolate, v8::Local<v8::Object> object) {
-  v8::HandleScope scope(isolate);
-  v8::Local<v8::Context> context = isolate->GetCurrentContext();
-  v8::Local<v8::Array> names;
-  if (!object->GetPropertyNames(context).ToLocal(&names)) return;
-  for (uint32_t i = 0; i < names->Length(); ++i) {
-    v8::TryCatch tryCatch(isolate);
-    v8::Local<v8::Value> name;
-    v8::Local<v8::Value> value;
-    if (!names->Get(context, i).ToLocal(&name) || !object->Get(context, name).ToLocal(&value)) {
-      continue;
-    }
-    std::string text = "Couldn't convert value";
-    v8::Local<v8::Object> asObject;
-    v8::Local<v8::String> json;
-    if (value->ToObject(context).ToLocal(&asObject) &&
-        v8::JSON::Stringify(context, asObject).ToLocal(&json)) {
-      text = utf8Text(isolate, json);
-    } else if (value->IsString()) {
-      text = utf8Text(isolate, value);
-    }
-    std::string line = "Key: " + utf8Text(isolate, name) + " value:  " + text + "\n";
-    fwrite(line.data(), 1, line.size(), stdout);
-  }
-  fflush(stdout);
 }
 
 bool IsRejectedPromise(v8::Local<v8::Value> value) {

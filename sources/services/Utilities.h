@@ -66,7 +66,6 @@ inline v8::Local<v8::String> ToV8String(v8::Isolate* isolate, const std::string&
 v8::Local<v8::String> SourceText(v8::Isolate* isolate, const FileRecord& record);
 // The UTF-8 text of a value as String() would give it, empty when the conversion fails.
 std::string utf8Text(v8::Isolate* isolate, v8::Local<v8::Value> value);
-std::string ToStdString(v8::Isolate* isolate, v8::Local<v8::Value> value);
 
 void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const char* name,
                       v8::FunctionCallback callback);
@@ -75,8 +74,6 @@ void LogAndThrowError(v8::Isolate* isolate, const char* component, const std::st
 
 v8::Local<v8::Object> ExceptionToObject(v8::Isolate* isolate, const v8::TryCatch& tryCatch);
 std::string ExceptionToString(v8::Isolate* isolate, const v8::TryCatch& tryCatch);
-v8::Local<v8::Value> ExceptionStringToObject(v8::Isolate* isolate, const std::string& text);
-void PrintObjectProperties(v8::Isolate* isolate, v8::Local<v8::Object> object);
 bool IsRejectedPromise(v8::Local<v8::Value> value);
 
 }  // namespace kesh
