@@ -99,7 +99,8 @@ void stopParsing(HttpParsingState* state) {
 }
 
 void failureClose(InspectorSocket* socket) {
-  if (uv_is_closing(handleOf(socket))) return;
+  if (socket->closing) return;
+  socket->closing = true;
   stopParsing(socket->http_parsing_state.get());
   uv_read_stop(streamOf(socket));
   uv_close(handleOf(socket), onFailureClosed);
@@ -116,7 +117,7 @@ void onRefusalWritten(uv_write_t* req, int) {
 // can only show in the write's completion, so kHandshakeFailed comes exactly once.
 void refuse(InspectorSocket* socket) {
   HttpParsingState* state = socket->http_parsing_state.get();
-  if (state->refusing || uv_is_closing(handleOf(socket))) return;
+  if (state->refusing || socket->closing) return;
   state->refusing = true;
   stopParsing(state);
   uv_read_stop(streamOf(socket));
@@ -194,7 +195,7 @@ int onMessageComplete(http_parser* parser) {
     // struct after each callback, so the next request on this connection starts fresh.
     if (state->handshake_cb(socket, HandshakeEvent::kHandshakeHttpGet, state->path)) {
       initHandshake(socket);
-      if (uv_is_closing(handleOf(socket))) stopParsing(state);  // the answer failed
+      if (socket->closing) stopParsing(state);  // the answer failed
     } else {
       refuse(socket);
     }
@@ -249,7 +250,8 @@ void onConnectionClosed(uv_handle_t* handle) {
 }
 
 void closeConnection(InspectorSocket* socket) {
-  if (uv_is_closing(handleOf(socket))) return;
+  if (socket->closing) return;
+  socket->closing = true;
   uv_read_stop(streamOf(socket));
   uv_close(handleOf(socket), onConnectionClosed);
 }
@@ -333,7 +335,7 @@ void onWsRead(uv_stream_t* stream, ssize_t nread, const uv_buf_t* buf) {
     socket->read_buffer.clear();
     return;
   }
-  while (!socket->read_buffer.empty() && !uv_is_closing(handleOf(socket))) {
+  while (!socket->read_buffer.empty() && !socket->closing) {
     int consumed = processOneFrame(socket);
     if (consumed == 0) break;
     socket->read_buffer.erase(socket->read_buffer.begin(), socket->read_buffer.begin() + consumed);
@@ -424,7 +426,7 @@ int AcceptSocket(uv_stream_t* server_stream, InspectorSocket* socket,
 
 void WriteSocket(InspectorSocket* inspector, const char* data, size_t length) {
   // Nothing may follow our close frame.
-  if (uv_is_closing(handleOf(inspector)) || inspector->shutting_down) return;
+  if (inspector->closing || inspector->shutting_down) return;
   if (uv_stream_get_write_queue_size(streamOf(inspector)) > kMaxWriteQueueBytes) {
     if (inspector->ws_mode) {
       failWebSocket(inspector, UV_ENOBUFS);
@@ -454,7 +456,7 @@ int StartFrameRead(InspectorSocket* inspector, uv_alloc_cb alloc_cb, uv_read_cb 
 
 void CloseSocket(InspectorSocket* inspector, SocketCloseCallback close_cb) {
   KESH_CHECK(inspector->ws_mode);
-  KESH_CHECK(!uv_is_closing(reinterpret_cast<uv_handle_t*>(&inspector->tcp)));
+  KESH_CHECK(!inspector->closing);
   KESH_CHECK(!inspector->shutting_down);
   inspector->shutting_down = true;
   WebSocketState* state = inspector->websocket_state.get();
@@ -468,7 +470,7 @@ void CloseSocket(InspectorSocket* inspector, SocketCloseCallback close_cb) {
   state->read_cb = nullptr;
   writeCloseFrame(inspector);
   // Keeps reading so that the peer's close frame is seen; its text frames are dropped.
-  if (!uv_is_closing(handleOf(inspector))) StartFrameRead(inspector, nullptr, nullptr);
+  if (!inspector->closing) StartFrameRead(inspector, nullptr, nullptr);
 }
 
 void AbortHandshake(InspectorSocket* inspector) {

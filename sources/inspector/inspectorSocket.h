@@ -69,6 +69,8 @@ struct InspectorSocket {
   bool ws_mode = false;
   bool shutting_down = false;
   bool peer_eof = false;
+  // Set where the one close of `tcp` starts; from then on nothing is read or written.
+  bool closing = false;
 };
 
 // Gives 0 or a libuv error. After an error the handle is closing and kHandshakeFailed follows,

@@ -105,8 +105,7 @@ void raise(v8::Isolate* isolate, const ScriptError& error) {
 }
 
 void LogAndThrowError(v8::Isolate* isolate, const char* component, const std::string& message) {
-  KeshLogger::log(LogLevel::kError, component, message);
-  isolate->ThrowException(v8::Exception::Error(ToV8String(isolate, message)));
+  raise(isolate, ScriptError(component, message));
 }
 
 v8::Local<v8::Object> ExceptionToObject(v8::Isolate* isolate, const v8::TryCatch& tryCatch) {

@@ -69,7 +69,8 @@ std::string utf8Text(v8::Isolate* isolate, v8::Local<v8::Value> value);
 
 void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const char* name,
                       v8::FunctionCallback callback);
-// Logs at error level and throws an Error; the caller rethrows through its own TryCatch.
+// The same report as a ScriptError of kind Error, for code that cannot throw through a frame;
+// the caller rethrows through its own TryCatch.
 void LogAndThrowError(v8::Isolate* isolate, const char* component, const std::string& message);
 
 v8::Local<v8::Object> ExceptionToObject(v8::Isolate* isolate, const v8::TryCatch& tryCatch);
