@@ -132,7 +132,9 @@ void KeshThread::threadMain() {
     start_report_(vuser_id_, false);
   } else {
     // Held while the script may run: Node's own handles on this loop expect the lock held.
+    // Entered too, so that each entry of a callback is a count, not a new entry of the thread.
     v8::Locker locker(runtime->isolate());
+    v8::Isolate::Scope isolateScope(runtime->isolate());
     openWake(vuser, onWake);
     KESH_CHECK_EQ(uv_prepare_init(vuser.loop_, &vuser.async_callbacks_prepare_), 0);
     vuser.drain_callback_ = onAsyncCallbacksPrepare;
