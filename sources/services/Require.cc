@@ -244,14 +244,7 @@ struct RequireCall {
       return {};
     }
     v8::Local<v8::String> sourceText = SourceText(isolate, record);
-    // Each compile reads the shared cache through a view of its own: V8 writes its verdict into
-    // the object it is given, and many Vusers consume the one cache at once.
-    const v8::ScriptCompiler::CachedData* shared =
-        cached != nullptr ? cached->GetCachedData() : nullptr;
-    auto* view = shared == nullptr ? nullptr
-                                   : new v8::ScriptCompiler::CachedData(
-                                         shared->data, shared->length,
-                                         v8::ScriptCompiler::CachedData::BufferNotOwned);
+    v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
     v8::ScriptCompiler::Source source(sourceText, v8::ScriptOrigin(isolate, resourceName), view);
     v8::Local<v8::UnboundScript> unbound;
     if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,

@@ -120,4 +120,13 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
   return compiled;
 }
 
+v8::ScriptCompiler::CachedData* ScriptCacheManager::viewOf(
+    const v8::ScriptCompiler::Source* cached) {
+  const v8::ScriptCompiler::CachedData* shared =
+      cached != nullptr ? cached->GetCachedData() : nullptr;
+  if (shared == nullptr) return nullptr;
+  return new v8::ScriptCompiler::CachedData(shared->data, shared->length,
+                                            v8::ScriptCompiler::CachedData::BufferNotOwned);
+}
+
 }  // namespace kesh

@@ -39,6 +39,11 @@ struct ScriptCacheManager {
   bool contains(const std::string& fullPath);
   v8::ScriptCompiler::Source* find(const std::string& fullPath);
   v8::ScriptCompiler::Source* getOrCompile(v8::Isolate* isolate, const FileRecord& record);
+
+  // The bytes of an entry for one compile, or null without an entry. Each compile gets a view of
+  // its own: V8 writes its verdict into the object it is given, and many Vusers consume the one
+  // cache at once. The Source the view is given to deletes it; the bytes stay.
+  static v8::ScriptCompiler::CachedData* viewOf(const v8::ScriptCompiler::Source* cached);
 };
 
 }  // namespace kesh

@@ -213,14 +213,7 @@ bool KeshThread::compileAndRun() {
   v8::TryCatch tryCatch(isolate);
   FileRecord* file = vuser.thread_script_file;
   v8::ScriptCompiler::Source* cached = ScriptCacheManager::instance().find(file->fullPath.get());
-  // Each compile reads the shared cache through a view of its own: V8 writes its verdict into
-  // the object it is given, and many Vusers consume the one cache at once.
-  const v8::ScriptCompiler::CachedData* shared =
-      cached != nullptr ? cached->GetCachedData() : nullptr;
-  auto* view = shared == nullptr ? nullptr
-                                 : new v8::ScriptCompiler::CachedData(
-                                       shared->data, shared->length,
-                                       v8::ScriptCompiler::CachedData::BufferNotOwned);
+  v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
   v8::ScriptCompiler::Source source(SourceText(isolate, *file),
                                     v8::ScriptOrigin(isolate, ToV8String(isolate, file->fileName)),
                                     view);
