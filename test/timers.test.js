@@ -101,3 +101,43 @@ test('timers: firing, settling, clearing, and every refusal', () => {
   assert.strictEqual(failed.length, 3, r.lines.filter((l) => /^Error/.test(l)).join('\n'));
   assert.ok(!r.stdout.includes('queued callback still runs'));
 });
+
+test('settled timers are let go: a Vuser that sleeps a hundred thousand times does not grow', () => {
+  const { scenario: inChild, scriptDir: dirOf } = require('./helpers');
+  const script = require('node:path').join(dirOf({
+    'sleeper.js': `
+      _enableRunningAsyncCallbacks();
+      const say = (t) => keshConsole(t, 'Info');
+      const sleep = () => _waitForTimer(_setTimer(false, () => {}, 0));
+      async function run() {
+        for (let i = 0; i < 5000; ++i) await sleep();
+        const before = process.memoryUsage().rss;
+        for (let i = 0; i < 100000; ++i) await sleep();
+        say('GROWTH ' + Math.round((process.memoryUsage().rss - before) / 1048576));
+        const fired = _setTimer(false, () => {}, 0);
+        await _waitForTimer(fired);
+        try { _clearTimer(fired); } catch (e) { say('CLEAR ' + e.message); }
+        say('WAIT ' + _waitForTimer(fired));
+      }`,
+  }), 'sleeper.js');
+  const r = inChild(`
+    const said = [];
+    k.onLogMessage((l) => { const m = /\\(\\d+\\) ((GROWTH|CLEAR|WAIT) .*)$/.exec(l); if (m) said.push(m[1]); });
+    k.createKeshThread(1, ${JSON.stringify(script)}, '{}');
+    k.startKeshThread(1).then(() => {
+      k.runFunctionFromScript(1, 'run', '');
+      const poll = setInterval(() => {
+        if (!said.some((l) => l.startsWith('WAIT'))) return;
+        clearInterval(poll);
+        k.stopKeshThread(1);
+        k.destroyKeshThreads();
+        console.log('SAID' + JSON.stringify(said));
+      }, 20);
+    });`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const said = JSON.parse(/SAID(.*)/.exec(r.stdout)[1]);
+  const growth = Number(/GROWTH (-?\d+)/.exec(said[0])[1]);
+  assert.ok(growth < 8, `RSS grew ${growth} MiB over 100,000 sleeps`);
+  assert.match(said[1], /^CLEAR timer \[\d+\] is already stopped$/);
+  assert.strictEqual(said[2], 'WAIT undefined');
+});

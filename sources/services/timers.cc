@@ -86,6 +86,9 @@ void SettleTimerPromise(const v8::FunctionCallbackInfo<v8::Value>& info) {
                                                         : resolver->Resolve(context, undefined))
                         .FromMaybe(false);
           handle->resolver_.Reset();
+          // Settled for good: the record goes, so that a Vuser that sleeps a million times holds
+          // no million timers. Its id still reads as a stopped timer.
+          tc->timers_.erase(found);
         }
         if (!settled || tryCatch.HasCaught()) failure = "Cannot resolve timer promise due to error";
       }
@@ -96,9 +99,10 @@ void SettleTimerPromise(const v8::FunctionCallbackInfo<v8::Value>& info) {
 }
 
 // The timer named by the first argument. Ids are handed out from 0 upwards and shown unsigned;
-// a number outside that range names no timer. A value that is not a number is refused.
+// a number outside that range names no timer. A value that is not a number is refused. An id
+// handed out before whose timer has settled gives null with *settled set, and no error.
 TimerHandle* findTimer(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::Value>& info,
-                       const char* function, int64_t* shownId) {
+                       const char* function, int64_t* shownId, bool* settled) {
   v8::Local<v8::Context> context = isolate->GetCurrentContext();
   if (!info[0]->IsNumber()) {
     std::string text = std::string(function) + ": the timer id must be a number";
@@ -113,8 +117,9 @@ TimerHandle* findTimer(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::
     ThreadComponent* tc = componentOf(isolate);
     auto found = tc->timers_.find(static_cast<int32_t>(static_cast<uint32_t>(value)));
     if (found != tc->timers_.end()) handle = found->second.get();
+    *settled = handle == nullptr && value < static_cast<uint32_t>(tc->next_timer_id_);
   }
-  if (handle == nullptr) {
+  if (handle == nullptr && !*settled) {
     LogAndThrowError(isolate, kComponent,
                      "Cannot find timer [" + std::to_string(*shownId) + "] to clear");
   }
@@ -164,10 +169,11 @@ void ClearTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
   scriptFunction(info, [&info](EnteredVuser& here) {
     v8::Isolate* isolate = here.isolate();
     int64_t id = 0;
-    TimerHandle* handle = findTimer(isolate, info, "_clearTimer", &id);
-    if (handle == nullptr) return;
-    if (handle->timer_ != nullptr) uv_timer_stop(handle->timer_);
-    if (handle->resolver_.IsEmpty()) {
+    bool settled = false;
+    TimerHandle* handle = findTimer(isolate, info, "_clearTimer", &id, &settled);
+    if (handle == nullptr && !settled) return;
+    if (handle != nullptr && handle->timer_ != nullptr) uv_timer_stop(handle->timer_);
+    if (handle == nullptr || handle->resolver_.IsEmpty()) {
       LogAndThrowError(isolate, kComponent,
                        "timer [" + std::to_string(id) + "] is already stopped");
       return;
@@ -189,7 +195,8 @@ void WaitForTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
   scriptFunction(info, [&info](EnteredVuser& here) {
     v8::Isolate* isolate = here.isolate();
     int64_t id = 0;
-    TimerHandle* handle = findTimer(isolate, info, "_waitForTimer", &id);
+    bool settled = false;
+    TimerHandle* handle = findTimer(isolate, info, "_waitForTimer", &id, &settled);
     if (handle != nullptr && !handle->resolver_.IsEmpty()) {
       info.GetReturnValue().Set(
           v8::Local<v8::Promise::Resolver>::New(isolate, handle->resolver_)->GetPromise());
