@@ -7,6 +7,7 @@
 #include "base/check.h"
 #include "inspector/inspectorAgent.h"
 #include "services/KeshLogger.h"
+#include "vuser/enteredVuser.h"
 
 // OpenSSL's, from the host process; its 3.x headers would mark the family deprecated.
 extern "C" int RAND_bytes(unsigned char* buffer, int count);
@@ -297,6 +298,7 @@ void InspectorIo::DispatchMessages() {
 void InspectorIo::WaitForFrontendMessage() {
   // The pause may sit inside a dispatch further up the stack; messages must still get through.
   dispatching_messages_ = false;
+  ReleasedVuser released(isolate_);
   std::unique_lock<std::mutex> lock(state_lock_);
   incoming_cond_.wait_for(lock, kStopPoll,
                           [this] { return !incoming_queue_.empty() || stopRequested(); });

@@ -46,4 +46,19 @@ class EnteredVuser {
   v8::Context::Scope context_scope_;
 };
 
+// The isolate's lock given up on purpose while this thread blocks on something that is not the
+// Vuser's loop: the debugger's messages, which come from the endpoint's socket on another thread.
+// Never around a run of the Vuser's loop: Node's own handles there expect the lock held. The
+// caller holds the lock.
+class ReleasedVuser {
+ public:
+  explicit ReleasedVuser(v8::Isolate* isolate) : unlocker_(isolate) {}
+  ReleasedVuser(const ReleasedVuser&) = delete;
+  ReleasedVuser& operator=(const ReleasedVuser&) = delete;
+  static void* operator new(size_t) = delete;
+
+ private:
+  v8::Unlocker unlocker_;
+};
+
 }  // namespace kesh
