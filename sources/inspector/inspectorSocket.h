@@ -62,6 +62,8 @@ struct WebSocketState {
 };
 
 struct InspectorSocket {
+  // Whoever accepted the connection; callbacks get the socket and find their owner here.
+  void* owner = nullptr;
   std::unique_ptr<HttpParsingState> http_parsing_state;
   std::unique_ptr<WebSocketState> websocket_state;
   std::vector<char> read_buffer;

@@ -3,10 +3,8 @@
 #include <netdb.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <type_traits>
 
 #include "services/KeshLogger.h"
 #include "services/check.h"
@@ -65,12 +63,8 @@ void onServerSocketClosed(uv_handle_t* handle) {
 
 }  // namespace
 
-static_assert(std::is_standard_layout_v<SocketSession>,
-              "the socket finds its session by the member's position");
-
 SocketSession* SocketSession::From(InspectorSocket* socket) {
-  return reinterpret_cast<SocketSession*>(reinterpret_cast<char*>(socket) -
-                                          offsetof(SocketSession, socket_));
+  return static_cast<SocketSession*>(socket->owner);
 }
 
 bool SocketSession::Handshake(HandshakeEvent event, const std::string& path) {

@@ -38,8 +38,7 @@ struct ServerSocket {
   int32_t port_ = -1;
 };
 
-// One accepted connection, from the accept to its end; the socket finds it by the member's
-// position, so the record must keep a standard layout.
+// One accepted connection, from the accept to its end.
 struct SocketSession {
   enum class State { kHttp, kWebSocket, kClosing, kDeclined };
 
@@ -51,7 +50,11 @@ struct SocketSession {
   int32_t server_port_;
 
   SocketSession(int32_t id, InspectorSocketServer* server, int32_t server_port)
-      : id_(id), server_(server), server_port_(server_port) {}
+      : id_(id), server_(server), server_port_(server_port) {
+    socket_.owner = this;
+  }
+  SocketSession(const SocketSession&) = delete;
+  SocketSession& operator=(const SocketSession&) = delete;
 
   static SocketSession* From(InspectorSocket* socket);
   bool Handshake(HandshakeEvent event, const std::string& path);
