@@ -35,6 +35,11 @@ const dir = scriptDir({
       for (const line of ['', 'no header here', '{"messageId":8,"socketId":"","responseType":2}', '{"messageId":99999999999,"socketId":"","responseType":0}']) {
         _sendSyncNoWait(-1, req(-1, 'badLine', { line }));
       }
+      // Header ids that are no integers: refused, not routed to the request of their leading digits.
+      for (const [id, written] of [[20, '20.5'], [21, '21e309'], [0, '-0.5']]) {
+        const line = '{"messageId":' + written + ',"socketId":"","responseType":0,"data":"fraction"}';
+        _send(id, req(id, 'badLine', { line, data: 'integer' }), (m) => say('id ' + id + ' got', m.data));
+      }
       _send(9, req(9, 'echo', { data: 'still up' }), (m) => say('after bad lines', m.data));
     }
     function clearing() {
@@ -77,12 +82,14 @@ test('messaging: connection checks, answers, framing, bad lines, blocking reques
   const rest = said.slice(5);
   const expectSome = ['answer async', 'not json undefined', 'dup id first callback', 'long 6000',
     'byte by byte bytes', 'line 71', 'line 72', 'line 73', 'after bad lines still up',
+    'id 20 got integer', 'id 21 got integer', 'id 0 got integer',
     'no wait returned', 'sync answer'];
   for (const line of expectSome) assert.ok(rest.includes(line), `${line}\n${rest.join('\n')}`);
   // An answer that came during the wait runs only once the blocking call has returned.
   assert.ok(rest.indexOf('async answer after sync') > rest.indexOf('sync answer'));
   assert.ok(rest.indexOf('line 71') < rest.indexOf('line 72') && rest.indexOf('line 72') < rest.indexOf('line 73'));
   assert.ok(!rest.includes('second callback never runs') && !rest.includes('cleared callback ran'));
+  assert.ok(!rest.some((l) => l.endsWith(' got fraction')), rest.join('\n'));
   assert.ok(rest.some((l) => /^failing line in a wait plain Uncaught Error: .*received message with unknown message type/.test(l)), rest.join('\n'));
   assert.ok(rest.some((l) => /^no JSON answer Error: Error parsing response of a SendSync request /.test(l)));
   assert.ok(rest.includes('stopped while waiting Error: Thread aborted during run'));
@@ -90,7 +97,10 @@ test('messaging: connection checks, answers, framing, bad lines, blocking reques
   const log = r.lines.join('\n');
   for (const text of ['received response is empty', 'no message info found in response',
     'received message with unknown message type found in response: {"messageId":8',
-    'message header number does not fit 32 bits in response: ']) {
+    'message header number does not fit 32 bits in response: ',
+    'message header number is not an integer in response: {"messageId":20.5,',
+    'message header number is not an integer in response: {"messageId":21e309,',
+    'message header number is not an integer in response: {"messageId":-0.5,']) {
     assert.ok(log.includes(`Error NetworkManager - (`) && log.includes(text), text);
   }
   const cleared = /clearing the next pending message\(s\): \[ ((?:\d+ )+)\]/.exec(log)[1].split(' ');

@@ -56,10 +56,23 @@ TEST(MessageHeader, RefusesLinesItCannotRoute) {
             0u);
   EXPECT_EQ(header(R"({"messageId":-2147483648,"socketId":"","responseType":2})").message_id_,
             INT32_MIN);
+  // Read up to the first non-digit these would route to requests 1, 7, 0 and type 1.
+  for (const char* line : {R"({"messageId":1e309,"socketId":"","responseType":0})",
+                           R"({"messageId":7.9,"socketId":"","responseType":0})",
+                           R"({"messageId":-0.5,"socketId":"","responseType":0})",
+                           R"({"messageId":7E2,"socketId":"","responseType":0})",
+                           R"({"messageId":7,"socketId":"","responseType":1.0})"}) {
+    EXPECT_EQ(failure(line),
+              "message header number is not an integer in response: " + std::string(line));
+  }
+  // A fraction elsewhere in the head is no header number.
+  EXPECT_EQ(
+      header(R"({"messageId":7,"x":0.5,"socketId":"e","responseType":1,"y":1e3})").message_id_, 7);
 }
 
 // The reader this one replaced, kept as the reference of which heads are accepted and what they
-// give: the same pattern through std::regex.
+// give: the same pattern through std::regex, and a header number that goes on with a fraction
+// or an exponent in the line refused.
 std::string referenceReading(const std::string& line) {
   static const std::regex pattern(
       R"("messageId":\s*(\-?\d+).*?"socketId":\s*"(\-?\w+)?".*?"responseType":\s*(\d+))",
@@ -67,6 +80,12 @@ std::string referenceReading(const std::string& line) {
   std::string head = line.substr(0, kHeaderSearchLength);
   std::smatch match;
   if (line.empty() || !std::regex_search(head, match, pattern)) return "none";
+  for (int group : {1, 3}) {
+    size_t end = static_cast<size_t>(match.position(group) + match.length(group));
+    if (end < line.size() && (line[end] == '.' || line[end] == 'e' || line[end] == 'E')) {
+      return "fraction";
+    }
+  }
   return match[1].str() + "|" + match[2].str() + "|" + match[3].str();
 }
 
@@ -76,13 +95,15 @@ std::string reading(const std::string& line) {
     return std::to_string(h.message_id_) + "|" + h.socket_id_ + "|" +
            std::to_string(h.response_type_);
   } catch (const std::runtime_error& e) {
-    return std::string(e.what()).rfind("message header number", 0) == 0 ? "range" : "none";
+    std::string text = e.what();
+    if (text.rfind("message header number is not an integer", 0) == 0) return "fraction";
+    return text.rfind("message header number does not fit", 0) == 0 ? "range" : "none";
   }
 }
 
 // The reference gives the digits as written; compare them as numbers where they fit.
 std::string normalised(const std::string& reference) {
-  if (reference == "none") return reference;
+  if (reference == "none" || reference == "fraction") return reference;
   size_t a = reference.find('|');
   size_t b = reference.rfind('|');
   long long id = std::strtoll(reference.substr(0, a).c_str(), nullptr, 10);
@@ -120,7 +141,13 @@ TEST(MessageHeader, AgreesWithTheRegularExpressionOnRandomAndMutatedHeads) {
                                            "_",
                                            "\xc3\xa9",
                                            std::string(1, '\0'),
-                                           "\n"};
+                                           "\n",
+                                           ".",
+                                           "e",
+                                           "E",
+                                           "1e309",
+                                           "7.9",
+                                           "-0.5"};
   const std::string valid = R"({"messageId":12,"socketId":"ws-1","responseType":1,"d":"x"})";
   std::mt19937 random(20261123);
   for (int round = 0; round < 200000; ++round) {
