@@ -189,3 +189,61 @@ test('a busy Vuser costs no log line at level info; at debug its lines come as b
   assert.ok(count(/^trace VuserThread - .* execute async callbacks function$/) > 0);
   assert.ok(count(/^Debug NetworkManager - .* waiting for response from request id: 1000$/) === 1);
 });
+
+test('lines from a service socket: NUL bytes kept, a line at the 64 MiB bound delivered, one beyond it dropped', () => {
+  const script = path.join(scriptDir({
+    'bound.js': `
+      const tell = (...a) => keshConsole('V ' + a.join(' '), 'Info');
+      _initNetworking(args.port, '127.0.0.1');
+      _enableRunningAsyncCallbacks();
+      function go() {
+        _registerNewBareSocket('ws_nul', (line) => tell('socket line', JSON.stringify(line)));
+        _send(1, '{"messageId":1}\\n', (m) => tell('answer 1', m.data));
+        _send(2, '{"messageId":2}\\n', (m) => tell('answer 2', m.data.length, m.data[0]));
+      }`,
+  }), 'bound.js');
+  const r = scenario(`
+    const net = require('node:net');
+    const lines = [];
+    k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
+    const bound = 64 * 1024 * 1024;
+    // A line of exactly n bytes, without its end, that routes to request id.
+    const answerOf = (id, n) => {
+      const head = '{"messageId":' + id + ',"socketId":"","responseType":0,"data":"';
+      return head + 'y'.repeat(n - head.length - 2) + '"}';
+    };
+    const server = net.createServer((socket) => {
+      let seen = '';
+      socket.on('data', (d) => {
+        seen += d;
+        if (seen.split('\\n').length < 3) return;
+        socket.write('{"messageId":-1,"socketId":"ws_nul","responseType":1}\\u0000after NUL\\n' +
+          '\\u0000{"messageId":-1,"socketId":"ws_nul","responseType":1}\\n');
+        socket.write(answerOf(1, bound + 1) + '\\n');
+        socket.write('{"messageId":1,"socketId":"","responseType":0,"data":"small"}\\n');
+        socket.write(answerOf(2, bound) + '\\n');
+      });
+    }).listen(0, '127.0.0.1', async () => {
+      k.createKeshThread(1, ${JSON.stringify(script)}, JSON.stringify({ port: server.address().port }));
+      await k.startKeshThread(1);
+      k.runFunctionFromScript(1, 'go', '');
+      const deadline = Date.now() + 20000;
+      while (!lines.some((l) => l.includes('V answer 2')) && Date.now() < deadline) {
+        await new Promise((r) => setTimeout(r, 10));
+      }
+      k.stopKeshThread(1);
+      k.destroyKeshThreads();
+      server.close();
+      console.log('RESULT' + JSON.stringify(lines.filter((l) => / V |dropped/.test(l))));
+    });`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const lines = JSON.parse(/RESULT(.*)\n/.exec(r.stdout)[1]);
+  const said = lines.map((l) => l.replace(/^(\w+) (\w+ - )?\(\d+\) (Vuser \[1\] )?/, '$1 '));
+  assert.deepStrictEqual(said, [
+    'Info V socket line "{\\"messageId\\":-1,\\"socketId\\":\\"ws_nul\\",\\"responseType\\":1}\\u0000after NUL"',
+    'Info V socket line "\\u0000{\\"messageId\\":-1,\\"socketId\\":\\"ws_nul\\",\\"responseType\\":1}"',
+    'Error dropped a received line of 67108865 bytes: longer than 67108864 bytes',
+    'Info V answer 1 small',
+    `Info V answer 2 ${64 * 1024 * 1024 - 56} y`,
+  ]);
+});
