@@ -3,14 +3,18 @@
 #include <chrono>
 #include <climits>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
+#include "headerReference.h"
 #include "network/wireFormat.h"
 
 namespace kesh {
 namespace {
+
+using reference::normalised;
+using reference::reading;
+using reference::referenceReading;
 
 MessageHeader header(const std::string& line) { return readMessageHeader(line); }
 
@@ -44,6 +48,7 @@ TEST(MessageHeader, ReadsTheThreeFieldsAnywhereInTheFirst300Bytes) {
 }
 
 TEST(MessageHeader, RefusesLinesItCannotRoute) {
+  MessageHeader h;
   EXPECT_EQ(failure(""), "received response is empty");
   EXPECT_EQ(failure(R"({"socketId":"","messageId":1,"responseType":0})"),
             "no message info found in response");  // keys out of order
@@ -56,6 +61,13 @@ TEST(MessageHeader, RefusesLinesItCannotRoute) {
             0u);
   EXPECT_EQ(header(R"({"messageId":-2147483648,"socketId":"","responseType":2})").message_id_,
             INT32_MIN);
+  // Leading zeros do not make a number long: the value decides.
+  h = header(R"({"messageId":000000741064605,"socketId":"","responseType":000000000002})");
+  EXPECT_EQ(h.message_id_, 741064605);
+  EXPECT_EQ(h.response_type_, 2);
+  EXPECT_EQ(normalised(referenceReading(
+                R"({"messageId":-000000000001,"socketId":"","responseType":000000000002})")),
+            "-1||2");
   // Read up to the first non-digit these would route to requests 1, 7, 0 and type 1.
   for (const char* line : {R"({"messageId":1e309,"socketId":"","responseType":0})",
                            R"({"messageId":7.9,"socketId":"","responseType":0})",
@@ -68,50 +80,6 @@ TEST(MessageHeader, RefusesLinesItCannotRoute) {
   // A fraction elsewhere in the head is no header number.
   EXPECT_EQ(
       header(R"({"messageId":7,"x":0.5,"socketId":"e","responseType":1,"y":1e3})").message_id_, 7);
-}
-
-// The reader this one replaced, kept as the reference of which heads are accepted and what they
-// give: the same pattern through std::regex, and a header number that goes on with a fraction
-// or an exponent in the line refused.
-std::string referenceReading(const std::string& line) {
-  static const std::regex pattern(
-      R"("messageId":\s*(\-?\d+).*?"socketId":\s*"(\-?\w+)?".*?"responseType":\s*(\d+))",
-      std::regex::ECMAScript | std::regex::icase);
-  std::string head = line.substr(0, kHeaderSearchLength);
-  std::smatch match;
-  if (line.empty() || !std::regex_search(head, match, pattern)) return "none";
-  for (int group : {1, 3}) {
-    size_t end = static_cast<size_t>(match.position(group) + match.length(group));
-    if (end < line.size() && (line[end] == '.' || line[end] == 'e' || line[end] == 'E')) {
-      return "fraction";
-    }
-  }
-  return match[1].str() + "|" + match[2].str() + "|" + match[3].str();
-}
-
-std::string reading(const std::string& line) {
-  try {
-    MessageHeader h = readMessageHeader(line);
-    return std::to_string(h.message_id_) + "|" + h.socket_id_ + "|" +
-           std::to_string(h.response_type_);
-  } catch (const std::runtime_error& e) {
-    std::string text = e.what();
-    if (text.rfind("message header number is not an integer", 0) == 0) return "fraction";
-    return text.rfind("message header number does not fit", 0) == 0 ? "range" : "none";
-  }
-}
-
-// The reference gives the digits as written; compare them as numbers where they fit.
-std::string normalised(const std::string& reference) {
-  if (reference == "none" || reference == "fraction") return reference;
-  size_t a = reference.find('|');
-  size_t b = reference.rfind('|');
-  long long id = std::strtoll(reference.substr(0, a).c_str(), nullptr, 10);
-  long long type = std::strtoll(reference.substr(b + 1).c_str(), nullptr, 10);
-  if (reference.size() - b > 12 || a > 12 || id < INT32_MIN || id > INT32_MAX || type > INT32_MAX) {
-    return "range";
-  }
-  return std::to_string(id) + reference.substr(a, b - a + 1) + std::to_string(type);
 }
 
 TEST(MessageHeader, AgreesWithTheRegularExpressionOnRandomAndMutatedHeads) {
