@@ -6,6 +6,7 @@
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
+#include "services/numberChecks.h"
 #include "thread/runFunctionQueue.h"
 
 namespace kesh {
@@ -282,12 +283,19 @@ void InitKeshInspector(const v8::FunctionCallbackInfo<v8::Value>& info) {
     throwError(isolate, tryCatch, kText);
     return;
   }
+  uint16_t port = 0;
+  if (!info[1]->IsNumber() || !portFromNumber(info[1].As<v8::Number>()->Value(), &port)) {
+    std::string text = "initKeshInspector: the port must be an integer from 0 to 65535";
+    if (info[1]->IsNumber()) text += ", not " + numberText(info[1].As<v8::Number>()->Value());
+    KeshLogger::log(LogLevel::kError, component::kKeshFactory, text);
+    isolate->ThrowException(v8::Exception::RangeError(ToV8String(isolate, text)));
+    tryCatch.ReThrow();
+    return;
+  }
   KeshThread* thread = threadRegistry.begin()->second.get();
   thread->inspector_host_ = utf8Text(isolate, info[0]);
   thread->inspector_enabled_ = true;
-  // The port is taken as a number as it stands, without conversion.
-  thread->inspector_port_ =
-      info[1]->IsNumber() ? static_cast<uint32_t>(info[1].As<v8::Integer>()->Value()) : 0;
+  thread->inspector_port_ = port;
 }
 
 void DestroyKeshThreads(const v8::FunctionCallbackInfo<v8::Value>& info) {

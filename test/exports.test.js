@@ -1,7 +1,8 @@
 'use strict';
 const test = require('node:test');
 const assert = require('node:assert');
-const { scenario } = require('./helpers');
+const path = require('node:path');
+const { scenario, scriptDir } = require('./helpers');
 
 test('the eight exports stand under their names', () => {
   const r = scenario(`console.log(JSON.stringify(Object.entries(k).map(([n, f]) => [n, f.name, typeof f])));`);
@@ -52,4 +53,25 @@ test('destroyKeshThreads may be called again, and the commands still answer afte
     try { k.stopKeshThread(3); } catch (e) { console.log('ERR ' + e.message); }`);
   assert.match(r.stdout, /ERR no active thread for Vuser id 3/);
   assert.strictEqual(r.status, 0);
+});
+
+test('initKeshInspector refuses a port that is not an integer from 0 to 65535', () => {
+  const dir = scriptDir({ 'idle.js': '' });
+  const r = scenario(`
+    const out = [];
+    k.createKeshThread(1, ${JSON.stringify(path.join(dir, 'idle.js'))}, '{}');
+    for (const port of [70000, 65536, -1, NaN, 0.5, 1e300, Infinity, '9229', undefined, 0, 65535]) {
+      try { k.initKeshInspector('127.0.0.1', port); out.push('ok'); }
+      catch (e) { out.push(e.constructor.name + ' ' + e.message); }
+    }
+    k.destroyKeshThreads();
+    console.log('RESULT' + JSON.stringify(out));`);
+  const out = JSON.parse(r.stdout.split('RESULT')[1]);
+  const refused = 'RangeError initKeshInspector: the port must be an integer from 0 to 65535';
+  assert.deepStrictEqual(out, [
+    `${refused}, not 70000`, `${refused}, not 65536`, `${refused}, not -1`, `${refused}, not NaN`,
+    `${refused}, not 0.5`, `${refused}, not 1e+300`, `${refused}, not Infinity`, refused, refused,
+    'ok', 'ok',
+  ]);
+  assert.match(r.stdout, /\[Error\]: KeshFactory - \(\d+\) initKeshInspector: the port must be an integer from 0 to 65535, not 70000\n/);
 });

@@ -268,3 +268,75 @@ test('a stop lets go of a Vuser held by its debugger: waiting for the client, or
   assert.strictEqual(paused.status, 0, paused.stderr);
   assert.match(paused.stdout, /PAUSED/);
 });
+
+test('the endpoint serves only requests naming an address or localhost; idle connections lose their places', () => {
+  const r = scenario(`${prelude}
+    const net = require('node:net');
+    // One request on a connection of its own: the bytes of the answer, up to a whole 200 answer
+    // or an upgrade's head, and whether the endpoint closed the connection first.
+    const ask = (port, request) => new Promise((resolve) => {
+      const socket = net.connect(port, '127.0.0.1');
+      let got = '';
+      const done = (closed) => { socket.destroy(); resolve({ got: got.split('\\r\\n')[0], closed }); };
+      socket.on('connect', () => socket.write(request));
+      socket.on('error', () => {});
+      socket.on('data', (d) => {
+        got += d;
+        const end = got.indexOf('\\r\\n\\r\\n');
+        const length = /Content-Length: (\\d+)/.exec(got);
+        if (end >= 0 && (got.startsWith('HTTP/1.1 101') || (length && got.length >= end + 4 + Number(length[1])))) done(false);
+      });
+      socket.on('close', () => done(true));
+    });
+    const get = (path, host) => 'GET ' + path + ' HTTP/1.1\\r\\nHost: ' + host + '\\r\\n\\r\\n';
+    const upgrade = (id, host) => 'GET /' + id + ' HTTP/1.1\\r\\nHost: ' + host + '\\r\\nUpgrade: websocket\\r\\n' +
+      'Connection: Upgrade\\r\\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\\r\\nSec-WebSocket-Version: 13\\r\\n\\r\\n';
+    const openIdle = (port) => new Promise((resolve) => {
+      const socket = net.connect(port, '127.0.0.1');
+      socket.on('error', () => {});
+      let opened = 0;
+      const closed = new Promise((r) => socket.on('close', () => r(Date.now() - opened)));
+      socket.on('connect', () => { opened = Date.now(); resolve({ closed }); });
+    });
+    k.createKeshThread(1, P.script, '{}');
+    k.initKeshInspector('127.0.0.1', 0);
+    k.startKeshThread(1);
+    (async () => {
+      const [, port, id] = await listening(1);
+      const hosts = {
+        evilList: await ask(port, get('/json/list', 'evil.example')),
+        evilPortVersion: await ask(port, get('/json/version', 'evil.example:' + port)),
+        evilUpgrade: await ask(port, upgrade(id, 'evil.example')),
+        addressList: await ask(port, get('/json/list', '127.0.0.1:' + port)),
+        localhostVersion: await ask(port, get('/json/version', 'localhost')),
+        localhostUpgrade: await ask(port, upgrade(id, 'localhost:' + port)),
+      };
+      await listening(2);
+      const closes = [];
+      for (let i = 0; i < 100; ++i) closes.push((await openIdle(port)).closed);
+      const whileFull = await ask(port, get('/json/version', '127.0.0.1'));
+      const deadline = new Promise((_, reject) => setTimeout(reject, 20000, new Error('idle connections still open after 20 s')).unref());
+      const idleMs = await Promise.race([Promise.all(closes), deadline]);
+      const afterwards = await ask(port, get('/json/version', '127.0.0.1'));
+      k.stopKeshThread(1);
+      finish({ hosts, whileFull, idleMs, afterwards });
+    })().catch(fail);`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const out = result(r);
+  const refused = { got: 'HTTP/1.0 400 Bad Request', closed: true };
+  assert.deepStrictEqual(out.hosts, {
+    evilList: refused, evilPortVersion: refused, evilUpgrade: refused,
+    addressList: { got: 'HTTP/1.0 200 OK', closed: false },
+    localhostVersion: { got: 'HTTP/1.0 200 OK', closed: false },
+    localhostUpgrade: { got: 'HTTP/1.1 101 Switching Protocols', closed: false },
+  });
+  const warning = /^Warning KeshInspector - \(\d+\) debugger endpoint refused a request for host "evil\.example(:\d+)?": only an IP address or localhost is served$/;
+  assert.strictEqual(out.lines.filter((l) => warning.test(l)).length, 3);
+  // While idle connections hold every place, a client is turned away; once the time-out has
+  // closed them, it is served. Those beyond the places were closed at once.
+  assert.deepStrictEqual(out.whileFull, { got: '', closed: true });
+  const held = out.idleMs.filter((ms) => ms >= 5000);
+  assert.strictEqual(held.length, 32, out.idleMs.join());
+  assert.ok(Math.max(...out.idleMs) < 12000, out.idleMs.join());
+  assert.deepStrictEqual(out.afterwards, { got: 'HTTP/1.0 200 OK', closed: false });
+});

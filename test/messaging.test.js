@@ -35,6 +35,11 @@ const dir = scriptDir({
       for (const line of ['', 'no header here', '{"messageId":8,"socketId":"","responseType":2}', '{"messageId":99999999999,"socketId":"","responseType":0}']) {
         _sendSyncNoWait(-1, req(-1, 'badLine', { line }));
       }
+      // Header ids that are no integers: refused, not routed to the request of their leading digits.
+      for (const [id, written] of [[20, '20.5'], [21, '21e309'], [0, '-0.5']]) {
+        const line = '{"messageId":' + written + ',"socketId":"","responseType":0,"data":"fraction"}';
+        _send(id, req(id, 'badLine', { line, data: 'integer' }), (m) => say('id ' + id + ' got', m.data));
+      }
       _send(9, req(9, 'echo', { data: 'still up' }), (m) => say('after bad lines', m.data));
     }
     function clearing() {
@@ -77,12 +82,14 @@ test('messaging: connection checks, answers, framing, bad lines, blocking reques
   const rest = said.slice(5);
   const expectSome = ['answer async', 'not json undefined', 'dup id first callback', 'long 6000',
     'byte by byte bytes', 'line 71', 'line 72', 'line 73', 'after bad lines still up',
+    'id 20 got integer', 'id 21 got integer', 'id 0 got integer',
     'no wait returned', 'sync answer'];
   for (const line of expectSome) assert.ok(rest.includes(line), `${line}\n${rest.join('\n')}`);
   // An answer that came during the wait runs only once the blocking call has returned.
   assert.ok(rest.indexOf('async answer after sync') > rest.indexOf('sync answer'));
   assert.ok(rest.indexOf('line 71') < rest.indexOf('line 72') && rest.indexOf('line 72') < rest.indexOf('line 73'));
   assert.ok(!rest.includes('second callback never runs') && !rest.includes('cleared callback ran'));
+  assert.ok(!rest.some((l) => l.endsWith(' got fraction')), rest.join('\n'));
   assert.ok(rest.some((l) => /^failing line in a wait plain Uncaught Error: .*received message with unknown message type/.test(l)), rest.join('\n'));
   assert.ok(rest.some((l) => /^no JSON answer Error: Error parsing response of a SendSync request /.test(l)));
   assert.ok(rest.includes('stopped while waiting Error: Thread aborted during run'));
@@ -90,7 +97,10 @@ test('messaging: connection checks, answers, framing, bad lines, blocking reques
   const log = r.lines.join('\n');
   for (const text of ['received response is empty', 'no message info found in response',
     'received message with unknown message type found in response: {"messageId":8',
-    'message header number does not fit 32 bits in response: ']) {
+    'message header number does not fit 32 bits in response: ',
+    'message header number is not an integer in response: {"messageId":20.5,',
+    'message header number is not an integer in response: {"messageId":21e309,',
+    'message header number is not an integer in response: {"messageId":-0.5,']) {
     assert.ok(log.includes(`Error NetworkManager - (`) && log.includes(text), text);
   }
   const cleared = /clearing the next pending message\(s\): \[ ((?:\d+ )+)\]/.exec(log)[1].split(' ');
@@ -178,4 +188,62 @@ test('a busy Vuser costs no log line at level info; at debug its lines come as b
   assert.ok(count(/^Debug VuserThread - .* finished running async callback$/) >= 50);
   assert.ok(count(/^trace VuserThread - .* execute async callbacks function$/) > 0);
   assert.ok(count(/^Debug NetworkManager - .* waiting for response from request id: 1000$/) === 1);
+});
+
+test('lines from a service socket: NUL bytes kept, a line at the 64 MiB bound delivered, one beyond it dropped', () => {
+  const script = path.join(scriptDir({
+    'bound.js': `
+      const tell = (...a) => keshConsole('V ' + a.join(' '), 'Info');
+      _initNetworking(args.port, '127.0.0.1');
+      _enableRunningAsyncCallbacks();
+      function go() {
+        _registerNewBareSocket('ws_nul', (line) => tell('socket line', JSON.stringify(line)));
+        _send(1, '{"messageId":1}\\n', (m) => tell('answer 1', m.data));
+        _send(2, '{"messageId":2}\\n', (m) => tell('answer 2', m.data.length, m.data[0]));
+      }`,
+  }), 'bound.js');
+  const r = scenario(`
+    const net = require('node:net');
+    const lines = [];
+    k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
+    const bound = 64 * 1024 * 1024;
+    // A line of exactly n bytes, without its end, that routes to request id.
+    const answerOf = (id, n) => {
+      const head = '{"messageId":' + id + ',"socketId":"","responseType":0,"data":"';
+      return head + 'y'.repeat(n - head.length - 2) + '"}';
+    };
+    const server = net.createServer((socket) => {
+      let seen = '';
+      socket.on('data', (d) => {
+        seen += d;
+        if (seen.split('\\n').length < 3) return;
+        socket.write('{"messageId":-1,"socketId":"ws_nul","responseType":1}\\u0000after NUL\\n' +
+          '\\u0000{"messageId":-1,"socketId":"ws_nul","responseType":1}\\n');
+        socket.write(answerOf(1, bound + 1) + '\\n');
+        socket.write('{"messageId":1,"socketId":"","responseType":0,"data":"small"}\\n');
+        socket.write(answerOf(2, bound) + '\\n');
+      });
+    }).listen(0, '127.0.0.1', async () => {
+      k.createKeshThread(1, ${JSON.stringify(script)}, JSON.stringify({ port: server.address().port }));
+      await k.startKeshThread(1);
+      k.runFunctionFromScript(1, 'go', '');
+      const deadline = Date.now() + 20000;
+      while (!lines.some((l) => l.includes('V answer 2')) && Date.now() < deadline) {
+        await new Promise((r) => setTimeout(r, 10));
+      }
+      k.stopKeshThread(1);
+      k.destroyKeshThreads();
+      server.close();
+      console.log('RESULT' + JSON.stringify(lines.filter((l) => / V |dropped/.test(l))));
+    });`, { timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  const lines = JSON.parse(/RESULT(.*)\n/.exec(r.stdout)[1]);
+  const said = lines.map((l) => l.replace(/^(\w+) (\w+ - )?\(\d+\) (Vuser \[1\] )?/, '$1 '));
+  assert.deepStrictEqual(said, [
+    'Info V socket line "{\\"messageId\\":-1,\\"socketId\\":\\"ws_nul\\",\\"responseType\\":1}\\u0000after NUL"',
+    'Info V socket line "\\u0000{\\"messageId\\":-1,\\"socketId\\":\\"ws_nul\\",\\"responseType\\":1}"',
+    'Error dropped a received line of 67108865 bytes: longer than 67108864 bytes',
+    'Info V answer 1 small',
+    `Info V answer 2 ${64 * 1024 * 1024 - 56} y`,
+  ]);
 });

@@ -53,8 +53,14 @@ const dir = scriptDir({
       attempt('no callback', () => _setTimer(false, 'x', 5));
       attempt('symbol timeout', () => _setTimer(false, () => {}, Symbol('t')));
       const id = _setTimer(false, () => say('text timeout fired'), 'abc');
+      // Delays libuv cannot hold are refused, and take no id.
+      attempt('infinite delay', () => _setTimer(false, () => say('infinite delay fired'), Infinity));
+      attempt('minus infinity', () => _setTimer(false, () => say('minus infinity fired'), -Infinity));
+      attempt('huge delay', () => _setTimer(true, () => say('huge delay fired'), 1e308));
+      attempt('2^64 ms', () => _setTimer(false, () => say('2^64 fired'), 2 ** 64));
+      _setTimer(false, () => say('2^63 ms fired'), 2 ** 63);
       const next = _setTimer(false, () => {}, 100000);
-      say('ids count up', next === id + 1);
+      say('ids count up', next === id + 2);
     }
     // Node's own timers would throw an unrelated error or crash the host; each names its stand-in.
     function nodeTimers() {
@@ -89,6 +95,10 @@ test('timers: firing, settling, clearing, and every refusal', () => {
     'id text TypeError _clearTimer: the timer id must be a number',
     'no callback TypeError _setTimer: the callback must be a function',
     'symbol timeout TypeError Cannot convert a Symbol value to a number',
+    'infinite delay RangeError _setTimer: the delay must be a finite number of milliseconds below 2^64, not Infinity',
+    'minus infinity RangeError _setTimer: the delay must be a finite number of milliseconds below 2^64, not -Infinity',
+    'huge delay RangeError _setTimer: the delay must be a finite number of milliseconds below 2^64, not 1e+308',
+    '2^64 ms RangeError _setTimer: the delay must be a finite number of milliseconds below 2^64, not 18446744073709551616',
     'ids count up true',
     'text timeout fired',
     'setTimeout Error setTimeout is not available in a Vuser: use _setTimer(false, callback, ms), or sleep(ms) of lib/vuser.js',

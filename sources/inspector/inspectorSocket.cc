@@ -1,9 +1,12 @@
 #include "inspector/inspectorSocket.h"
 
+#include <arpa/inet.h>
+
 #include <cstring>
 
 #include "base/check.h"
 #include "inspector/base64.h"
+#include "services/KeshLogger.h"
 
 // The host process exports OpenSSL's digest; the add-on links no libcrypto of its own, and a
 // declaration of our own avoids the deprecation markers of the 3.x headers.
@@ -14,6 +17,9 @@ namespace {
 
 constexpr char kWebSocketGuid[] = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 constexpr char kKeyHeader[] = "Sec-WebSocket-Key";
+constexpr char kHostHeader[] = "Host";
+// Of a refused host name, the part the log line shows.
+constexpr size_t kLoggedHostBytes = 80;
 constexpr char kUpgradeHead[] =
     "HTTP/1.1 101 Switching Protocols\r\n"
     "Upgrade: websocket\r\n"
@@ -130,7 +136,8 @@ HttpParsingState* parsingStateOf(http_parser* parser) {
 }
 
 bool withinHeadLimit(const HttpParsingState* state, size_t length) {
-  return state->path.size() + state->header_name.size() + state->websocket_key.size() + length <=
+  return state->path.size() + state->header_name.size() + state->websocket_key.size() +
+             state->host.size() + length <=
          kMaxHttpHeadBytes;
 }
 
@@ -154,13 +161,35 @@ int onHeaderField(http_parser* parser, const char* at, size_t length) {
 
 int onHeaderValue(http_parser* parser, const char* at, size_t length) {
   HttpParsingState* state = parsingStateOf(parser);
+  bool value_starts = !state->in_header_value;  // a value split across reads comes in pieces
   state->in_header_value = true;
   if (equalsIgnoringAsciiCase(state->header_name, kKeyHeader)) {
     if (!withinHeadLimit(state, length)) return 1;
     // A repeated key header extends the key rather than replacing it.
     state->websocket_key.append(at, length);
+  } else if (equalsIgnoringAsciiCase(state->header_name, kHostHeader)) {
+    if (value_starts) ++state->host_headers;
+    if (!withinHeadLimit(state, length)) return 1;
+    state->host.append(at, length);
   }
   return 0;
+}
+
+// A browser sends the name that its page used: accepting only addresses and localhost keeps a
+// page whose name is made to resolve to us (DNS rebinding) from reading or driving the debugger.
+bool hostAllowed(const HttpParsingState* state) {
+  if (state->host_headers == 1 && IsAllowedHost(state->host)) return true;
+  std::string reason = "without a Host header";
+  if (state->host_headers > 1) {
+    reason = "with several Host headers";
+  } else if (state->host_headers == 1) {
+    std::string shown;
+    for (char c : state->host.substr(0, kLoggedHostBytes)) shown += c >= ' ' && c <= '~' ? c : '?';
+    reason = "for host \"" + shown + "\": only an IP address or localhost is served";
+  }
+  KeshLogger::log(LogLevel::kWarning, component::kKeshInspector,
+                  "debugger endpoint refused a request " + reason);
+  return false;
 }
 
 int onMessageComplete(http_parser* parser);
@@ -170,6 +199,8 @@ void initHandshake(InspectorSocket* socket) {
   state->header_name.clear();
   state->websocket_key.clear();
   state->path.clear();
+  state->host.clear();
+  state->host_headers = 0;
   state->handshake_done = false;
   state->in_header_value = false;
   http_parser_init(&state->parser, HTTP_REQUEST);
@@ -186,7 +217,7 @@ void onWsRead(uv_stream_t* stream, ssize_t nread, const uv_buf_t* buf);
 int onMessageComplete(http_parser* parser) {
   InspectorSocket* socket = static_cast<InspectorSocket*>(parser->data);
   HttpParsingState* state = socket->http_parsing_state.get();
-  if (parser->method != HTTP_GET) {
+  if (parser->method != HTTP_GET || !hostAllowed(state)) {
     refuse(socket);
     return 0;
   }
@@ -349,6 +380,39 @@ std::string WebSocketAcceptKey(const std::string& key) {
   unsigned char digest[20];
   SHA1(reinterpret_cast<const unsigned char*>(input.data()), input.size(), digest);
   return base64Encode(digest, sizeof(digest));
+}
+
+bool IsAllowedHost(std::string_view value) {
+  auto blank = [](char c) { return c == ' ' || c == '\t'; };
+  while (!value.empty() && blank(value.front())) value.remove_prefix(1);
+  while (!value.empty() && blank(value.back())) value.remove_suffix(1);
+  // inet_pton reads up to a NUL: an address followed by one must not pass for the address.
+  if (value.empty() || value.find('\0') != std::string_view::npos) return false;
+  std::string_view name = value;
+  std::string_view port;
+  int family = AF_INET;
+  if (value.front() == '[') {
+    size_t close = value.find(']');
+    if (close == std::string_view::npos) return false;
+    name = value.substr(1, close - 1);
+    family = AF_INET6;
+    if (close + 1 < value.size()) {
+      if (value[close + 1] != ':') return false;
+      port = value.substr(close + 2);
+      if (port.empty()) return false;
+    }
+  } else if (size_t colon = value.find(':'); colon != std::string_view::npos) {
+    name = value.substr(0, colon);
+    port = value.substr(colon + 1);
+    if (port.empty()) return false;
+  }
+  if (port.size() > 5) return false;
+  for (char c : port) {
+    if (c < '0' || c > '9') return false;
+  }
+  if (family == AF_INET && equalsIgnoringAsciiCase(std::string(name), "localhost")) return true;
+  unsigned char address[sizeof(in6_addr)];
+  return inet_pton(family, std::string(name).c_str(), address) == 1;
 }
 
 std::vector<char> EncodeFrame(const char* data, size_t length) {

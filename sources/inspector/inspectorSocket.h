@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // One accepted debugger connection on the inspector's own loop: an HTTP phase that answers GET
@@ -49,6 +50,8 @@ struct HttpParsingState {
   std::string websocket_key;
   std::string path;
   std::string header_name;
+  std::string host;      // the Host header's value
+  int host_headers = 0;  // how many Host headers the request had
   // The 400 answer is on its way: reading has stopped and nothing more is parsed.
   bool refusing = false;
 };
@@ -62,6 +65,8 @@ struct WebSocketState {
 };
 
 struct InspectorSocket {
+  // Whoever accepted the connection; callbacks get the socket and find their owner here.
+  void* owner = nullptr;
   std::unique_ptr<HttpParsingState> http_parsing_state;
   std::unique_ptr<WebSocketState> websocket_state;
   std::vector<char> read_buffer;
@@ -89,6 +94,9 @@ void DropConnection(InspectorSocket* inspector);
 
 // The pieces below are pure and exposed for tests.
 std::string WebSocketAcceptKey(const std::string& key);
+// Whether a Host header's value names an IP address (IPv4, or IPv6 in brackets) or localhost,
+// with or without a port. Any other name could be one that a web page's owner points at us.
+bool IsAllowedHost(std::string_view value);
 // One unmasked, final text frame.
 std::vector<char> EncodeFrame(const char* data, size_t length);
 // Decodes the client frame at the start of data; consumed is set only for kFrameOk/kFrameClose.

@@ -3,10 +3,8 @@
 #include <netdb.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <type_traits>
 
 #include "base/check.h"
 #include "services/KeshLogger.h"
@@ -53,7 +51,15 @@ void onConnection(uv_stream_t* server_stream, int status) {
   server->http_sessions_[session->id_] = session;
   // On failure the close is under way and kHandshakeFailed frees the session.
   if (AcceptSocket(server_stream, &session->socket_, onHandshake) != 0) return;
-  if (server->http_sessions_.size() > kMaxHttpSessions) AbortHandshake(&session->socket_);
+  if (server->http_sessions_.size() > kMaxHttpSessions) {
+    AbortHandshake(&session->socket_);
+    return;
+  }
+  server->HttpSessionStarted(session);
+}
+
+void onHttpTimer(uv_timer_t* timer) {
+  static_cast<InspectorSocketServer*>(timer->data)->CloseLateHttpSessions();
 }
 
 void freeServerSocket(uv_handle_t* handle) { delete static_cast<ServerSocket*>(handle->data); }
@@ -65,12 +71,8 @@ void onServerSocketClosed(uv_handle_t* handle) {
 
 }  // namespace
 
-static_assert(std::is_standard_layout_v<SocketSession>,
-              "the socket finds its session by the member's position");
-
 SocketSession* SocketSession::From(InspectorSocket* socket) {
-  return reinterpret_cast<SocketSession*>(reinterpret_cast<char*>(socket) -
-                                          offsetof(SocketSession, socket_));
+  return static_cast<SocketSession*>(socket->owner);
 }
 
 bool SocketSession::Handshake(HandshakeEvent event, const std::string& path) {
@@ -78,6 +80,8 @@ bool SocketSession::Handshake(HandshakeEvent event, const std::string& path) {
   std::string id = path.empty() ? std::string() : path.substr(1);
   switch (event) {
     case HandshakeEvent::kHandshakeHttpGet:
+      // An answer starts the time of the next request on this connection.
+      http_deadline_ = uv_now(server_->loop_) + server_->http_timeout_ms_;
       return server_->HandleGetRequest(this, path);
     case HandshakeEvent::kHandshakeUpgrading:
       if (server_->TargetExists(id) && server_->delegate_->StartSession(id_, id)) {
@@ -144,9 +148,35 @@ bool InspectorSocketServer::Start() {
     fflush(stderr);
     return false;
   }
+  KESH_CHECK(0 == uv_timer_init(loop_, &http_timer_));
+  http_timer_.data = this;
   state_ = ServerState::kRunning;
   PrintReady();
   return true;
+}
+
+void InspectorSocketServer::HttpSessionStarted(SocketSession* session) {
+  session->http_deadline_ = uv_now(loop_) + http_timeout_ms_;
+  // A running timer is due no later than this newest deadline.
+  if (!uv_is_active(reinterpret_cast<uv_handle_t*>(&http_timer_))) {
+    uv_timer_start(&http_timer_, onHttpTimer, http_timeout_ms_, 0);
+  }
+}
+
+void InspectorSocketServer::CloseLateHttpSessions() {
+  uint64_t now = uv_now(loop_);
+  uint64_t next = UINT64_MAX;
+  for (auto& entry : http_sessions_) {
+    SocketSession* session = entry.second;
+    // A closing one leaves the map from its close callback; it must not re-arm the timer at once.
+    if (session->socket_.closing) continue;
+    if (session->http_deadline_ <= now) {
+      AbortHandshake(&session->socket_);
+    } else {
+      next = std::min(next, session->http_deadline_);
+    }
+  }
+  if (next != UINT64_MAX) uv_timer_start(&http_timer_, onHttpTimer, next - now, 0);
 }
 
 int InspectorSocketServer::ListenOn(const sockaddr* address) {
@@ -195,6 +225,7 @@ void InspectorSocketServer::Stop() {
   // Nobody else would end a connection that is still in its HTTP phase, and it would keep the
   // loop alive for as long as its client liked.
   for (auto& entry : http_sessions_) AbortHandshake(&entry.second->socket_);
+  uv_close(reinterpret_cast<uv_handle_t*>(&http_timer_), nullptr);
   for (ServerSocket* server_socket : server_sockets_) {
     uv_close(reinterpret_cast<uv_handle_t*>(&server_socket->tcp_), onServerSocketClosed);
   }

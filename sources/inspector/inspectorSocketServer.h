@@ -38,8 +38,7 @@ struct ServerSocket {
   int32_t port_ = -1;
 };
 
-// One accepted connection, from the accept to its end; the socket finds it by the member's
-// position, so the record must keep a standard layout.
+// One accepted connection, from the accept to its end.
 struct SocketSession {
   enum class State { kHttp, kWebSocket, kClosing, kDeclined };
 
@@ -49,9 +48,14 @@ struct SocketSession {
   std::string target_id_;
   State state_ = State::kHttp;
   int32_t server_port_;
+  uint64_t http_deadline_ = 0;  // loop time by which the next request must be complete
 
   SocketSession(int32_t id, InspectorSocketServer* server, int32_t server_port)
-      : id_(id), server_(server), server_port_(server_port) {}
+      : id_(id), server_(server), server_port_(server_port) {
+    socket_.owner = this;
+  }
+  SocketSession(const SocketSession&) = delete;
+  SocketSession& operator=(const SocketSession&) = delete;
 
   static SocketSession* From(InspectorSocket* socket);
   bool Handshake(HandshakeEvent event, const std::string& path);
@@ -62,6 +66,10 @@ struct SocketSession {
 // Connections in their HTTP phase that one server keeps at a time; a further one is closed at
 // once, without an answer.
 constexpr size_t kMaxHttpSessions = 32;
+// How long a connection in its HTTP phase may take to complete a request, counted from its
+// accept or from its previous answer; a slower one is closed without an answer, so connections
+// that send nothing cannot hold the places above for longer.
+constexpr uint64_t kHttpRequestTimeoutMs = 10000;
 
 class InspectorSocketServer {
  public:
@@ -74,8 +82,11 @@ class InspectorSocketServer {
   std::map<int32_t, SocketSession*> connected_sessions_;
   int32_t next_session_id_ = 0;
   ServerState state_ = ServerState::kNew;
-  // Sessions still in their HTTP phase: capped, and closed when the server stops.
+  // Sessions still in their HTTP phase: capped, timed, and closed when the server stops.
   std::map<int32_t, SocketSession*> http_sessions_;
+  uint64_t http_timeout_ms_ = kHttpRequestTimeoutMs;  // tests shorten it
+  // Due at the earliest deadline of the HTTP sessions; exists while the server runs.
+  uv_timer_t http_timer_;
 
   InspectorSocketServer(SocketServerDelegate* delegate, uv_loop_t* loop, std::string host,
                         int32_t port);
@@ -97,6 +108,8 @@ class InspectorSocketServer {
   void TerminateSession(SocketSession* session);
   int ListenOn(const sockaddr* address);
   void ServerSocketClosed(ServerSocket* server_socket);
+  void HttpSessionStarted(SocketSession* session);
+  void CloseLateHttpSessions();
 };
 
 // The pure pieces of the answers, exposed for tests.

@@ -110,6 +110,12 @@ bool readFirstPath(std::string_view head, HeaderSpans* spans) {
   return k != kNone;
 }
 
+// JSON writes an integer without a fraction or an exponent. Read up to its first non-digit,
+// 7.9 would route to request 7 and 1e309 to request 1: such a number is no id of ours.
+bool hasFractionOrExponent(std::string_view line, size_t end) {
+  return end < line.size() && (line[end] == '.' || line[end] == 'e' || line[end] == 'E');
+}
+
 int32_t headerNumber(std::string_view digits, std::string_view line) {
   errno = 0;
   long long value = std::strtoll(std::string(digits).c_str(), nullptr, 10);
@@ -121,6 +127,10 @@ int32_t headerNumber(std::string_view digits, std::string_view line) {
 }
 
 MessageHeader headerOf(const HeaderSpans& spans, std::string_view line) {
+  if (hasFractionOrExponent(line, spans.id.end) || hasFractionOrExponent(line, spans.type.end)) {
+    throw std::runtime_error("message header number is not an integer in response: " +
+                             std::string(line));
+  }
   auto text = [&](Span span) { return line.substr(span.begin, span.end - span.begin); };
   MessageHeader header;
   header.message_id_ = headerNumber(text(spans.id), line);

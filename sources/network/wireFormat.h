@@ -34,8 +34,8 @@ struct MessageHeader {
 // "responseType", keys in any case, in this order, as the first match of
 //   "messageId":\s*(-?\d+).*?"socketId":\s*"(-?\w+)?".*?"responseType":\s*(\d+)
 // where '.' is any byte but a line end. Linear in the head's length, whatever it holds. Throws
-// std::runtime_error with the text the log shows: an empty line, no header, or a header number
-// beyond 32 bits.
+// std::runtime_error with the text the log shows: an empty line, no header, a header number
+// beyond 32 bits, or one with a fraction or an exponent.
 MessageHeader readMessageHeader(std::string_view line);
 
 // Cuts lines out of a byte stream. Each received byte is looked at once, however a line is split

@@ -11,6 +11,7 @@
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
+#include "services/numberChecks.h"
 #include "vuser/threadComponents.h"
 
 namespace kesh {
@@ -132,7 +133,7 @@ void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     ThreadComponent* tc = componentOf(isolate);
     bool repeat = info[0]->BooleanValue(isolate);
-    v8::Local<v8::Integer> timeout;
+    v8::Local<v8::Number> timeout;
     v8::Local<v8::Promise::Resolver> resolver;
     if (!info[1]->IsFunction()) {
       // Firing would call a value that cannot be called: refuse the timer at once instead.
@@ -141,12 +142,18 @@ void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
       isolate->ThrowException(v8::Exception::TypeError(ToV8String(isolate, kText)));
       return;
     }
-    if (!info[2]->ToInteger(context).ToLocal(&timeout) ||
-        !v8::Promise::Resolver::New(context).ToLocal(&resolver)) {
+    uint64_t ms = 0;
+    if (!info[2]->ToNumber(context).ToLocal(&timeout)) return;
+    if (!timerDelayFromNumber(timeout->Value(), &ms)) {
+      std::string text =
+          "_setTimer: the delay must be a finite number of milliseconds below 2^64, "
+          "not " +
+          numberText(timeout->Value());
+      KeshLogger::log(LogLevel::kError, kComponent, text);
+      isolate->ThrowException(v8::Exception::RangeError(ToV8String(isolate, text)));
       return;
     }
-    // NaN reads as 0, and a negative time-out fires at once rather than never.
-    uint64_t ms = timeout->Value() > 0 ? static_cast<uint64_t>(timeout->Value()) : 0;
+    if (!v8::Promise::Resolver::New(context).ToLocal(&resolver)) return;
     auto id = static_cast<uint32_t>(tc->next_timer_id_);
     tc->next_timer_id_ = static_cast<int32_t>(id + 1);
     auto handle = std::make_shared<TimerHandle>();

@@ -32,7 +32,8 @@ bool runUntil(uv_loop_t* loop, const std::function<bool()>& done, int ms = 5000)
 }
 
 std::string upgrade(const std::string& path, const std::string& keyLines = kKeyLine) {
-  return "GET " + path + " HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n" +
+  return "GET " + path +
+         " HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n" +
          keyLines + "Sec-WebSocket-Version: 13\r\n\r\n";
 }
 
@@ -117,7 +118,7 @@ struct Client {
   }
   // One answer: a 200 answer has its length in the head, a refusal ends the stream.
   std::string get(const std::string& path) {
-    send("GET " + path + " HTTP/1.1\r\nHost: x\r\n\r\n");
+    send("GET " + path + " HTTP/1.1\r\nHost: localhost:9229\r\n\r\n");
     fill([&] { return in.find("\r\n\r\n") != std::string::npos; });
     size_t end = in.find("\r\n\r\n"), field = in.find("Content-Length: ");
     if (end == std::string::npos || field > end) return take(SIZE_MAX);
@@ -216,7 +217,7 @@ TEST_F(InspectorServer, HttpPhaseAnswersAndRefusals) {
       "NONSENSE\r\n\r\n",
       "GET /" + std::string(kMaxHttpHeadBytes, 'a') + " HTTP/1.1\r\n\r\n",
       // Parsed on, the next path would extend this one to "/json/activate/T1".
-      "GET /json/activate HTTP/1.1\r\n\r\nGET /T1 HTTP/1.1\r\n\r\n",
+      "GET /json/activate HTTP/1.1\r\nHost: [::1]\r\n\r\nGET /T1 HTTP/1.1\r\n\r\n",
   };
   for (const std::string& request : refused) {
     Client client(&loop_, port_);
@@ -226,7 +227,7 @@ TEST_F(InspectorServer, HttpPhaseAnswersAndRefusals) {
   }
   EXPECT_EQ(delegate_.events.size(), 1u);
   Client twice(&loop_, port_);
-  twice.send("GET /json/version HTTP/1.0\r\n\r\n");
+  twice.send("GET /json/version HTTP/1.0\r\nHost: 127.0.0.1:9229\r\n\r\n");
   std::string version = answer("{\n  \"Browser\": \"kesh\",\n  \"Protocol-Version\": \"1.1\"\n} ");
   EXPECT_EQ(twice.take(version.size()), version);
   EXPECT_EQ(twice.get("/json/version"), version);
@@ -362,6 +363,86 @@ TEST_F(InspectorServer, StopEndsHttpConnectionsAndServerDoneComesOnce) {
   attached.reset();
   EXPECT_TRUE(until("end 0"));
   EXPECT_EQ(delegate_.done, 1);
+}
+
+TEST_F(InspectorServer, OnlyRequestsForAnAddressOrLocalhostAreServed) {
+  testing::internal::CaptureStdout();
+  start();
+  std::string version = answer("{\n  \"Browser\": \"kesh\",\n  \"Protocol-Version\": \"1.1\"\n} ");
+  const std::string refusedHeads[] = {
+      "Host: evil.example\r\n", "", "Host: 127.0.0.1\r\nHost: evil.example\r\n",
+      "Host: 127.0.0.1.evil.example:" + std::to_string(port_) + "\r\n"};
+  for (const std::string& head : refusedHeads) {
+    for (const std::string& request :
+         {"GET /json/list HTTP/1.1\r\n" + head + "\r\n",
+          "GET /T1 HTTP/1.1\r\n" + head + "Upgrade: websocket\r\nConnection: Upgrade\r\n" +
+              kKeyLine + "\r\n"}) {
+      Client client(&loop_, port_);
+      client.send(request);
+      EXPECT_EQ(client.take(1000), kRefusal) << request;
+      EXPECT_TRUE(client.eof);
+    }
+  }
+  EXPECT_EQ(delegate_.events.size(), 1u);  // no session started
+  // Served, also with the header split across reads and a connection that asks twice.
+  Client client(&loop_, port_);
+  for (std::string part : {"GET /json/version HTTP/1.1\r\nHo", "st: loc", "alhost\r\n\r\n"}) {
+    client.send(part);
+    settle();
+  }
+  EXPECT_EQ(client.take(version.size()), version);
+  client.send("GET /json/version HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) +
+              "\r\n\r\n");
+  EXPECT_EQ(client.take(version.size()), version);
+  client.send("GET /json/version HTTP/1.1\r\nHost: evil.example\r\n\r\n");
+  EXPECT_EQ(client.take(1000), kRefusal);
+  Client attaching(&loop_, port_);
+  EXPECT_TRUE(attaching.attach());
+  std::string out = testing::internal::GetCapturedStdout();
+  EXPECT_NE(out.find("[Warning]: KeshInspector - "), std::string::npos) << out;
+  EXPECT_NE(out.find("refused a request for host \"evil.example\": only an IP address or "
+                     "localhost is served\n"),
+            std::string::npos);
+  EXPECT_NE(out.find("refused a request without a Host header\n"), std::string::npos);
+  EXPECT_NE(out.find("refused a request with several Host headers\n"), std::string::npos);
+}
+
+TEST_F(InspectorServer, ConnectionsThatDoNotCompleteARequestInTimeAreClosed) {
+  start();
+  server_->http_timeout_ms_ = 1000;
+  auto started = std::chrono::steady_clock::now();
+  auto elapsedMs = [&] {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 started)
+        .count();
+  };
+  std::vector<std::unique_ptr<Client>> idle;
+  while (idle.size() < kMaxHttpSessions) idle.push_back(std::make_unique<Client>(&loop_, port_));
+  idle[0]->send("GET /json HTTP/1.1\r\nHost: localhost\r\n");  // a head that never ends
+  EXPECT_TRUE(Client(&loop_, port_).ended());                  // no place left
+  for (auto& client : idle) EXPECT_TRUE(client->ended());
+  EXPECT_GE(elapsedMs(), 900);
+  EXPECT_LT(elapsedMs(), 3000);
+  EXPECT_EQ(idle[1]->in, "");  // closed without an answer
+  // Each answer starts the time again: three requests 600 ms apart outlive one time-out.
+  Client asking(&loop_, port_);
+  std::string version = answer("{\n  \"Browser\": \"kesh\",\n  \"Protocol-Version\": \"1.1\"\n} ");
+  for (int i = 0; i < 3; ++i) {
+    if (i > 0)
+      runUntil(
+          &loop_, [] { return false; }, 600);
+    EXPECT_EQ(asking.get("/json/version"), version) << i;
+  }
+  started = std::chrono::steady_clock::now();
+  EXPECT_TRUE(asking.ended());
+  EXPECT_GE(elapsedMs(), 900);
+  // An upgraded session has no such time-out.
+  Client attached(&loop_, port_);
+  ASSERT_TRUE(attached.attach());
+  runUntil(
+      &loop_, [] { return false; }, 1300);
+  attached.send(clientFrame(0x81, "late"));
+  EXPECT_TRUE(until("message " + std::to_string(server_->next_session_id_ - 1) + " late"));
 }
 
 TEST_F(InspectorServer, Ipv6AndTheChosenPort) {

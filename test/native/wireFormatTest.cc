@@ -3,14 +3,18 @@
 #include <chrono>
 #include <climits>
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
+#include "headerReference.h"
 #include "network/wireFormat.h"
 
 namespace kesh {
 namespace {
+
+using reference::normalised;
+using reference::reading;
+using reference::referenceReading;
 
 MessageHeader header(const std::string& line) { return readMessageHeader(line); }
 
@@ -44,6 +48,7 @@ TEST(MessageHeader, ReadsTheThreeFieldsAnywhereInTheFirst300Bytes) {
 }
 
 TEST(MessageHeader, RefusesLinesItCannotRoute) {
+  MessageHeader h;
   EXPECT_EQ(failure(""), "received response is empty");
   EXPECT_EQ(failure(R"({"socketId":"","messageId":1,"responseType":0})"),
             "no message info found in response");  // keys out of order
@@ -56,41 +61,25 @@ TEST(MessageHeader, RefusesLinesItCannotRoute) {
             0u);
   EXPECT_EQ(header(R"({"messageId":-2147483648,"socketId":"","responseType":2})").message_id_,
             INT32_MIN);
-}
-
-// The reader this one replaced, kept as the reference of which heads are accepted and what they
-// give: the same pattern through std::regex.
-std::string referenceReading(const std::string& line) {
-  static const std::regex pattern(
-      R"("messageId":\s*(\-?\d+).*?"socketId":\s*"(\-?\w+)?".*?"responseType":\s*(\d+))",
-      std::regex::ECMAScript | std::regex::icase);
-  std::string head = line.substr(0, kHeaderSearchLength);
-  std::smatch match;
-  if (line.empty() || !std::regex_search(head, match, pattern)) return "none";
-  return match[1].str() + "|" + match[2].str() + "|" + match[3].str();
-}
-
-std::string reading(const std::string& line) {
-  try {
-    MessageHeader h = readMessageHeader(line);
-    return std::to_string(h.message_id_) + "|" + h.socket_id_ + "|" +
-           std::to_string(h.response_type_);
-  } catch (const std::runtime_error& e) {
-    return std::string(e.what()).rfind("message header number", 0) == 0 ? "range" : "none";
+  // Leading zeros do not make a number long: the value decides.
+  h = header(R"({"messageId":000000741064605,"socketId":"","responseType":000000000002})");
+  EXPECT_EQ(h.message_id_, 741064605);
+  EXPECT_EQ(h.response_type_, 2);
+  EXPECT_EQ(normalised(referenceReading(
+                R"({"messageId":-000000000001,"socketId":"","responseType":000000000002})")),
+            "-1||2");
+  // Read up to the first non-digit these would route to requests 1, 7, 0 and type 1.
+  for (const char* line : {R"({"messageId":1e309,"socketId":"","responseType":0})",
+                           R"({"messageId":7.9,"socketId":"","responseType":0})",
+                           R"({"messageId":-0.5,"socketId":"","responseType":0})",
+                           R"({"messageId":7E2,"socketId":"","responseType":0})",
+                           R"({"messageId":7,"socketId":"","responseType":1.0})"}) {
+    EXPECT_EQ(failure(line),
+              "message header number is not an integer in response: " + std::string(line));
   }
-}
-
-// The reference gives the digits as written; compare them as numbers where they fit.
-std::string normalised(const std::string& reference) {
-  if (reference == "none") return reference;
-  size_t a = reference.find('|');
-  size_t b = reference.rfind('|');
-  long long id = std::strtoll(reference.substr(0, a).c_str(), nullptr, 10);
-  long long type = std::strtoll(reference.substr(b + 1).c_str(), nullptr, 10);
-  if (reference.size() - b > 12 || a > 12 || id < INT32_MIN || id > INT32_MAX || type > INT32_MAX) {
-    return "range";
-  }
-  return std::to_string(id) + reference.substr(a, b - a + 1) + std::to_string(type);
+  // A fraction elsewhere in the head is no header number.
+  EXPECT_EQ(
+      header(R"({"messageId":7,"x":0.5,"socketId":"e","responseType":1,"y":1e3})").message_id_, 7);
 }
 
 TEST(MessageHeader, AgreesWithTheRegularExpressionOnRandomAndMutatedHeads) {
@@ -120,7 +109,13 @@ TEST(MessageHeader, AgreesWithTheRegularExpressionOnRandomAndMutatedHeads) {
                                            "_",
                                            "\xc3\xa9",
                                            std::string(1, '\0'),
-                                           "\n"};
+                                           "\n",
+                                           ".",
+                                           "e",
+                                           "E",
+                                           "1e309",
+                                           "7.9",
+                                           "-0.5"};
   const std::string valid = R"({"messageId":12,"socketId":"ws-1","responseType":1,"d":"x"})";
   std::mt19937 random(20261123);
   for (int round = 0; round < 200000; ++round) {
