@@ -4,6 +4,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/hostCompat.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
@@ -252,7 +253,7 @@ struct RequireCall {
                                    : new v8::ScriptCompiler::CachedData(
                                          shared->data, shared->length,
                                          v8::ScriptCompiler::CachedData::BufferNotOwned);
-    v8::ScriptCompiler::Source source(sourceText, v8::ScriptOrigin(isolate, resourceName), view);
+    v8::ScriptCompiler::Source source(sourceText, scriptOrigin(isolate, resourceName), view);
     v8::Local<v8::UnboundScript> unbound;
     if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
                                                   view != nullptr

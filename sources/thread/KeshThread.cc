@@ -3,6 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "base/hostCompat.h"
 #include "inspector/inspectorAgent.h"
 #include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
@@ -221,9 +222,8 @@ bool KeshThread::compileAndRun() {
                                  : new v8::ScriptCompiler::CachedData(
                                        shared->data, shared->length,
                                        v8::ScriptCompiler::CachedData::BufferNotOwned);
-  v8::ScriptCompiler::Source source(SourceText(isolate, *file),
-                                    v8::ScriptOrigin(isolate, ToV8String(isolate, file->fileName)),
-                                    view);
+  v8::ScriptCompiler::Source source(
+      SourceText(isolate, *file), scriptOrigin(isolate, ToV8String(isolate, file->fileName)), view);
   v8::Local<v8::UnboundScript> unbound;
   v8::Local<v8::Value> result;
   std::string failure;
