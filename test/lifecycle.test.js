@@ -8,7 +8,7 @@ const { spawnSync } = require('node:child_process');
 const path = require('node:path');
 const { scenario, scriptDir, modulePath } = require('./helpers');
 
-const addonFile = path.join(process.env.KESH_BUILD_DIR || path.join(modulePath, 'build'), 'ostrale-kesh.node');
+const addonFile = path.join(require('../lib/buildDir').buildDir(), 'ostrale-kesh.node');
 
 const dir = scriptDir({
   'faults.js': `
