@@ -36,10 +36,9 @@ inline void preferMemoryOverSpeed(v8::Isolate* isolate) {
 // A full collection now, for a script that asks for one, and whether V8 has nothing left to do
 // in idle time. V8 13 has no idle-time collection: the collection the notification makes at once
 // is all there is, so the answer is always "done".
-inline bool collectNow(v8::Isolate* isolate, double idleSeconds) {
+inline bool collectNow(v8::Isolate* isolate, [[maybe_unused]] double idleSeconds) {
   isolate->MemoryPressureNotification(v8::MemoryPressureLevel::kCritical);
 #if V8_MAJOR_VERSION >= 13
-  (void)idleSeconds;
   return true;
 #else
   return isolate->IdleNotificationDeadline(idleSeconds);
