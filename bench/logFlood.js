@@ -3,7 +3,7 @@
 // event loop ticks every millisecond. Shows how long the runner's loop stalls, how far its memory
 // grows and how many lines arrive or are reported dropped. Each build named runs in a child of
 // its own in the same run, so two builds compare side by side.
-//   node bench/logFlood.js [--builds build,/path/to/other/build] [--vusers 4] [--seconds 2]
+//   node bench/logFlood.js [--builds build/node-20,/path/to/other/build] [--vusers 4] [--seconds 2]
 'use strict';
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -13,7 +13,7 @@ const { parseArgs } = require('node:util');
 
 const { values } = parseArgs({
   options: {
-    builds: { type: 'string', default: 'build' },
+    builds: { type: 'string', default: path.relative(process.cwd(), require('../lib/buildDir').lineBuildDir()) },
     vusers: { type: 'string', default: '4' },
     seconds: { type: 'string', default: '2' },
     child: { type: 'string' },

@@ -1,7 +1,8 @@
 'use strict';
-// Loads the native add-on built by `npm install`. KESH_BUILD_DIR points at another build (tests, sanitizers).
+// Loads the native add-on that `npm install` built for the running Node.js line (build/node-<major>).
+// KESH_BUILD_DIR points at another build (tests, sanitizers).
 // The add-on itself joins every Vuser still running when the process exits, however it exits.
 const path = require('node:path');
+const { buildDir } = require('./buildDir');
 
-const buildDir = process.env.KESH_BUILD_DIR || path.join(__dirname, '..', 'build');
-module.exports = require(path.join(buildDir, 'ostrale-kesh.node'));
+module.exports = require(path.join(buildDir(), 'ostrale-kesh.node'));

@@ -1,15 +1,17 @@
 #!/usr/bin/env node
-// Configures and builds the add-on with CMake against the headers of the Node.js running this script.
+// Configures and builds the add-on with CMake against the headers of the Node.js running this script,
+// into that line's own directory (build/node-<major>).
 //   node scripts/build.js [--tests] [--sanitize]
 'use strict';
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
+const { lineBuildDir } = require('../lib/buildDir');
 
 const root = path.resolve(__dirname, '..');
 const args = new Set(process.argv.slice(2));
 const sanitize = args.has('--sanitize') || process.env.KESH_SANITIZE === '1';
-const buildDir = path.join(root, sanitize ? 'build-sanitize' : 'build');
+const buildDir = lineBuildDir({ sanitize });
 
 const nodeHeaders = path.resolve(path.dirname(process.execPath), '..', 'include', 'node');
 if (!fs.existsSync(path.join(nodeHeaders, 'node.h'))) {

@@ -4,10 +4,11 @@
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
+const { lineBuildDir } = require('../lib/buildDir');
 
 const root = path.resolve(__dirname, '..');
 const sanitize = process.env.KESH_SANITIZE === '1';
-const buildDir = path.join(root, sanitize ? 'build-sanitize' : 'build');
+const buildDir = lineBuildDir({ sanitize });
 
 function run(cmd, args, env) {
   const r = spawnSync(cmd, args, { stdio: 'inherit', cwd: root, env: { ...process.env, ...env } });

@@ -7,8 +7,8 @@ const { once } = require('node:events');
 const path = require('node:path');
 const WebSocket = require('ws');
 
-const buildDir = process.env.KESH_BUILD_DIR || path.join(__dirname, '..', 'build');
-const endpoint = require(path.join(buildDir, 'kesh-inspector-echo.node'));
+const { buildDir } = require('../lib/buildDir');
+const endpoint = require(path.join(buildDir(), 'kesh-inspector-echo.node'));
 
 test('discovery, echo, refusal and both close handshakes with foreign clients', async () => {
   const port = endpoint.start(0);

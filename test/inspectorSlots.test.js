@@ -7,7 +7,7 @@ const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
 
-const buildDir = process.env.KESH_BUILD_DIR || path.join(__dirname, '..', 'build');
+const { buildDir } = require('../lib/buildDir');
 
 // Host classes whose vtables show each declared class's slots. `complete`: we derive from the
 // class, so V8 may call any of its slots on our object, and we must declare all of them.
@@ -63,7 +63,7 @@ function parseSignature(text) {
 }
 
 function declaredSlots() {
-  const out = execFileSync(path.join(buildDir, 'kesh-inspector-slots'), { encoding: 'utf8' });
+  const out = execFileSync(path.join(buildDir(), 'kesh-inspector-slots'), { encoding: 'utf8' });
   const classes = {};
   for (const line of out.trim().split('\n')) {
     const [owner, slot, name, type] = line.split('\t');

@@ -8,7 +8,7 @@ const { spawnSync } = require('node:child_process');
 const path = require('node:path');
 const { scenario, scriptDir, modulePath } = require('./helpers');
 
-const addonFile = path.join(process.env.KESH_BUILD_DIR || path.join(modulePath, 'build'), 'ostrale-kesh.node');
+const addonFile = path.join(require('../lib/buildDir').buildDir(), 'ostrale-kesh.node');
 
 const dir = scriptDir({
   'faults.js': `
@@ -98,7 +98,6 @@ test('a reset and an end of the connection are the Vuser\'s: waiting calls fail,
 
 test('a thread the system refuses fails that start alone, and leaves no Vuser behind', { skip: process.getuid() !== 0 && 'needs root to run a child under a thread limit' }, () => {
   // As an unprivileged user with a task limit at what node already runs, the next thread fails.
-  require('node:fs').chmodSync(dir, 0o755);
   const code = `
     const k = require(${JSON.stringify(modulePath)});
     const lines = [];
@@ -109,9 +108,17 @@ test('a thread the system refuses fails that start alone, and leaves no Vuser be
       k.destroyKeshThreads();
       console.log('LINES' + JSON.stringify(lines));
     });`;
+  const fs = require('node:fs');
+  fs.chmodSync(dir, 0o755);
+  // The unprivileged user may not reach this node where it lies (a Node.js line kept under /root):
+  // it runs the same file through a link, or a copy, beside the script.
+  const node = path.join(dir, 'node');
+  if (!fs.existsSync(node)) {
+    try { fs.linkSync(process.execPath, node); } catch { fs.copyFileSync(process.execPath, node); }
+  }
   const threads = 7;
   const r = spawnSync('setpriv', ['--reuid=65534', '--regid=65534', '--clear-groups', 'bash', '-c',
-    `ulimit -u ${threads} && exec "$0" -e "$1"`, process.execPath, code], { encoding: 'utf8', timeout: 30000 });
+    `ulimit -u ${threads} && exec "$0" -e "$1"`, node, code], { encoding: 'utf8', timeout: 30000 });
   assert.strictEqual(r.signal, null);
   assert.strictEqual(r.status, 0, r.stderr);
   assert.match(r.stdout, /R Vuser \[1\] thread fail to start\n/);

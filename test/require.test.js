@@ -29,6 +29,9 @@ function runVusers(scripts, between = '') {
       ${between}
       scripts.forEach((s, i) => k.stopKeshThread(i + 1));
       k.destroyKeshThreads();
+      // The logger's close prints its own line to standard output at the next turn: let it come
+      // first, so it cannot land inside a long line that the pipe takes in parts.
+      await new Promise((r) => setTimeout(r, 50));
       console.log('LINES' + JSON.stringify(lines));
     }, (e) => { console.log('FAILED ' + e); k.destroyKeshThreads(); });`);
   assert.strictEqual(r.status, 0, r.stderr);

@@ -7,7 +7,7 @@ const { spawn } = require('node:child_process');
 const path = require('node:path');
 const { scenario, scriptDir, modulePath } = require('./helpers');
 
-const addonFile = path.join(process.env.KESH_BUILD_DIR || path.join(modulePath, 'build'), 'ostrale-kesh.node');
+const addonFile = path.join(require('../lib/buildDir').buildDir(), 'ostrale-kesh.node');
 const seed = Number(process.env.KESH_STRESS_SEED || Date.now() % 100000);
 const dir = scriptDir({
   'busy.js': `

@@ -14,9 +14,17 @@
 #include <type_traits>
 #include <vector>
 
-#if V8_MAJOR_VERSION != 11 || V8_MINOR_VERSION != 3
+// One layout per supported V8: KESH_V8_INSPECTOR is major * 100 + minor. Another V8 must not
+// compile: a slot off by one calls the wrong function.
+#if V8_MAJOR_VERSION == 11 && V8_MINOR_VERSION == 3
+#define KESH_V8_INSPECTOR 1103
+#elif V8_MAJOR_VERSION == 12 && V8_MINOR_VERSION == 4
+#define KESH_V8_INSPECTOR 1204
+#elif V8_MAJOR_VERSION == 13 && V8_MINOR_VERSION == 6
+#define KESH_V8_INSPECTOR 1306
+#else
 #error \
-    "sources/inspector/v8InspectorInterface.h matches V8 11.3 only: check its slots against this host's V8 (test/inspectorSlots.test.js) and add a section for it"
+    "sources/inspector/v8InspectorInterface.h declares V8 11.3 (Node.js 20), 12.4 (Node.js 22) and 13.6 (Node.js 24) only: add a section for this host's V8 and check it with test/inspectorSlots.test.js"
 #endif
 
 namespace v8_inspector {
@@ -26,10 +34,17 @@ class V8StackTraceId;
 class V8DebuggerId;
 
 // Never made or read here; complete only so that a null one can be returned.
+#if KESH_V8_INSPECTOR == 1103
 class WebDriverValue {
  public:
   WebDriverValue() = delete;
 };
+#else
+class DeepSerializationResult {
+ public:
+  DeepSerializationResult() = delete;
+};
+#endif
 
 namespace protocol {
 namespace Debugger {
@@ -119,7 +134,9 @@ class V8InspectorSession {
   virtual void dispatchProtocolMessage(StringView message) = 0;
   virtual std::vector<uint8_t> state() = 0;
   virtual std::vector<std::unique_ptr<protocol::Schema::API::Domain>> supportedDomains() = 0;
+#if KESH_V8_INSPECTOR == 1103
   virtual void initializeCommandLineAPIScope(int executionContextId) = 0;
+#endif
   virtual void schedulePauseOnNextStatement(StringView breakReason, StringView breakDetails) = 0;
   virtual void cancelPauseOnNextStatement() = 0;
   virtual void breakProgram(StringView breakReason, StringView breakDetails) = 0;
@@ -136,6 +153,11 @@ class V8InspectorSession {
                             std::unique_ptr<StringBuffer>* objectGroup) = 0;
   virtual void releaseObjectGroup(StringView groupName) = 0;
   virtual void triggerPreciseCoverageDeltaUpdate(StringView occasion) = 0;
+#if KESH_V8_INSPECTOR >= 1204
+  struct EvaluateResult;  // never asked for here
+  virtual EvaluateResult evaluate(v8::Local<v8::Context> context, StringView expression,
+                                  bool includeCommandLineAPI) = 0;
+#endif
   virtual void stop() = 0;
 };
 
@@ -151,9 +173,16 @@ class V8InspectorClient {
   virtual void unmuteMetrics(int) {}
   virtual void beginUserGesture() {}
   virtual void endUserGesture() {}
+#if KESH_V8_INSPECTOR == 1103
   virtual std::unique_ptr<WebDriverValue> serializeToWebDriverValue(v8::Local<v8::Value>, int) {
     return nullptr;
   }
+#else
+  virtual std::unique_ptr<DeepSerializationResult> deepSerialize(v8::Local<v8::Value>, int,
+                                                                 v8::Local<v8::Object>) {
+    return nullptr;
+  }
+#endif
   virtual std::unique_ptr<StringBuffer> valueSubtype(v8::Local<v8::Value>) { return nullptr; }
   virtual std::unique_ptr<StringBuffer> descriptionForValueSubtype(v8::Local<v8::Context>,
                                                                    v8::Local<v8::Value>) {
@@ -171,9 +200,17 @@ class V8InspectorClient {
   virtual v8::MaybeLocal<v8::Value> memoryInfo(v8::Isolate*, v8::Local<v8::Context>) {
     return v8::MaybeLocal<v8::Value>();
   }
+#if KESH_V8_INSPECTOR < 1306
   virtual void consoleTime(const StringView&) {}
   virtual void consoleTimeEnd(const StringView&) {}
   virtual void consoleTimeStamp(const StringView&) {}
+#else
+  virtual void consoleTime(v8::Isolate*, v8::Local<v8::String>) {}
+  virtual void consoleTimeEnd(v8::Isolate*, v8::Local<v8::String>) {}
+  virtual void consoleTimeStamp(v8::Isolate*, v8::Local<v8::String>) {}
+  virtual void consoleTimeStampWithArgs(v8::Isolate*, v8::Local<v8::String>,
+                                        const v8::LocalVector<v8::Value>&) {}
+#endif
   virtual void consoleClear(int) {}
   virtual double currentTimeMS() { return 0; }
   using TimerCallback = void (*)(void*);
@@ -208,6 +245,9 @@ class V8Inspector {
   virtual void resetContextGroup(int contextGroupId) = 0;
   virtual v8::MaybeLocal<v8::Context> contextById(int contextId) = 0;
   virtual V8DebuggerId uniqueDebuggerId(int contextId) = 0;
+#if KESH_V8_INSPECTOR >= 1306
+  virtual uint64_t isolateId() = 0;
+#endif
   virtual void idleStarted() = 0;
   virtual void idleFinished() = 0;
   virtual void asyncTaskScheduled(StringView taskName, void* task, bool recurring) = 0;

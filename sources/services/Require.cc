@@ -4,6 +4,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/hostCompat.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/caches.h"
@@ -245,7 +246,7 @@ struct RequireCall {
     }
     v8::Local<v8::String> sourceText = SourceText(isolate, record);
     v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
-    v8::ScriptCompiler::Source source(sourceText, v8::ScriptOrigin(isolate, resourceName), view);
+    v8::ScriptCompiler::Source source(sourceText, scriptOrigin(isolate, resourceName), view);
     v8::Local<v8::UnboundScript> unbound;
     if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
                                                   view != nullptr

@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "base/hostCompat.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 
@@ -91,7 +92,7 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
 
   v8::Local<v8::String> source = ToV8String(isolate, record.source, StringType::kInternalized);
   v8::Local<v8::String> name = ToV8String(isolate, key, StringType::kInternalized);
-  v8::ScriptOrigin origin(isolate, name);
+  v8::ScriptOrigin origin = scriptOrigin(isolate, name);
   v8::ScriptCompiler::Source plain(source, origin);
   v8::Local<v8::UnboundScript> unbound;
   if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &plain, v8::ScriptCompiler::kEagerCompile)

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "base/hostCompat.h"
 #include "inspector/inspectorAgent.h"
 #include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
@@ -214,9 +215,8 @@ bool KeshThread::compileAndRun() {
   FileRecord* file = vuser.thread_script_file;
   v8::ScriptCompiler::Source* cached = ScriptCacheManager::instance().find(file->fullPath.get());
   v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
-  v8::ScriptCompiler::Source source(SourceText(isolate, *file),
-                                    v8::ScriptOrigin(isolate, ToV8String(isolate, file->fileName)),
-                                    view);
+  v8::ScriptCompiler::Source source(
+      SourceText(isolate, *file), scriptOrigin(isolate, ToV8String(isolate, file->fileName)), view);
   v8::Local<v8::UnboundScript> unbound;
   v8::Local<v8::Value> result;
   std::string failure;

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/hostCompat.h"
 #include "network/NetworkManager.h"
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
@@ -51,9 +52,8 @@ void RunTimeLimitedGc(const v8::FunctionCallbackInfo<v8::Value>& info) {
       throw ScriptError(kComponent, "The first argument is not a invalid number");
     }
     KeshLogger::log(LogLevel::kTrace, kComponent, here.vuser().vuser_id_, "running GC");
-    isolate->MemoryPressureNotification(v8::MemoryPressureLevel::kCritical);
     auto seconds = static_cast<double>(static_cast<uint32_t>(deadline->Value()));
-    info.GetReturnValue().Set(isolate->IdleNotificationDeadline(seconds));
+    info.GetReturnValue().Set(collectNow(isolate, seconds));
   });
 }
 

@@ -1,6 +1,7 @@
 #include "vuser/vuserRuntime.h"
 
 #include "base/check.h"
+#include "base/hostCompat.h"
 
 namespace kesh {
 
@@ -50,7 +51,7 @@ std::unique_ptr<VuserRuntime> VuserRuntime::create(ThreadComponent& vuser,
   v8::Locker locker(isolate);
   v8::Isolate::Scope isolateScope(isolate);
   v8::HandleScope handleScope(isolate);
-  isolate->EnableMemorySavingsMode();
+  preferMemoryOverSpeed(isolate);
   isolate->SetData(0, &vuser);
   isolate->SetCaptureStackTraceForUncaughtExceptions(true, 10, v8::StackTrace::kDetailed);
   runtime->isolate_data_ = node::CreateIsolateData(isolate, &runtime->loop_, platform,
@@ -107,8 +108,7 @@ void VuserRuntime::freeIsolate() {
   bool finished = false;
   platform_->AddIsolateFinishedCallback(
       isolate_, [](void* flag) { *static_cast<bool*>(flag) = true; }, &finished);
-  platform_->UnregisterIsolate(isolate_);
-  isolate_->Dispose();
+  releaseIsolate(platform_, isolate_);
   isolate_ = nullptr;
   vuser_.isolate_ = nullptr;
   // The platform closes its handle on this loop; the callback comes once that has happened.

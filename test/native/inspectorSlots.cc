@@ -44,7 +44,11 @@ int main() {
   SLOT(V8InspectorClient, unmuteMetrics);
   SLOT(V8InspectorClient, beginUserGesture);
   SLOT(V8InspectorClient, endUserGesture);
+#if KESH_V8_INSPECTOR == 1103
   SLOT(V8InspectorClient, serializeToWebDriverValue);
+#else
+  SLOT(V8InspectorClient, deepSerialize);
+#endif
   SLOT(V8InspectorClient, valueSubtype);
   SLOT(V8InspectorClient, descriptionForValueSubtype);
   SLOT(V8InspectorClient, isInspectableHeapObject);
@@ -57,6 +61,9 @@ int main() {
   SLOT(V8InspectorClient, consoleTime);
   SLOT(V8InspectorClient, consoleTimeEnd);
   SLOT(V8InspectorClient, consoleTimeStamp);
+#if KESH_V8_INSPECTOR >= 1306
+  SLOT(V8InspectorClient, consoleTimeStampWithArgs);
+#endif
   SLOT(V8InspectorClient, consoleClear);
   SLOT(V8InspectorClient, currentTimeMS);
   SLOT(V8InspectorClient, startRepeatingTimer);
@@ -72,6 +79,9 @@ int main() {
   SLOT(V8Inspector, resetContextGroup);
   SLOT(V8Inspector, contextById);
   SLOT(V8Inspector, uniqueDebuggerId);
+#if KESH_V8_INSPECTOR >= 1306
+  SLOT(V8Inspector, isolateId);
+#endif
   SLOT(V8Inspector, idleStarted);
   SLOT(V8Inspector, idleFinished);
   SLOT(V8Inspector, asyncTaskScheduled);
@@ -97,7 +107,9 @@ int main() {
   SLOT(V8InspectorSession, dispatchProtocolMessage);
   SLOT(V8InspectorSession, state);
   SLOT(V8InspectorSession, supportedDomains);
+#if KESH_V8_INSPECTOR == 1103
   SLOT(V8InspectorSession, initializeCommandLineAPIScope);
+#endif
   SLOT(V8InspectorSession, schedulePauseOnNextStatement);
   SLOT(V8InspectorSession, cancelPauseOnNextStatement);
   SLOT(V8InspectorSession, breakProgram);
@@ -109,6 +121,9 @@ int main() {
   SLOT(V8InspectorSession, unwrapObject);
   SLOT(V8InspectorSession, releaseObjectGroup);
   SLOT(V8InspectorSession, triggerPreciseCoverageDeltaUpdate);
+#if KESH_V8_INSPECTOR >= 1204
+  SLOT(V8InspectorSession, evaluate);
+#endif
   SLOT(V8InspectorSession, stop);
 
   SLOT(StringBuffer, string);

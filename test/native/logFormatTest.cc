@@ -75,7 +75,8 @@ TEST(DirectOutput, LinesFiltersAndTraceRules) {
   KeshLogger::log(LogLevel::kInfo, "timers", "plain info shows at any level");
   currentLogLevel = static_cast<int32_t>(LogLevel::kInfo);
   std::string out = testing::internal::GetCapturedStdout();
-  std::string tid = "(" + std::to_string(currentThreadId()) + ") ";
+  // Appended, not prepended: GCC 12 in C++20 warns falsely about a prepending operator+.
+  std::string tid = std::string("(").append(std::to_string(currentThreadId())).append(") ");
   EXPECT_EQ(out, "[Info]: NetworkManager - " + tid + "Vuser [7] connected\n" + "[Warning]: " + tid +
                      "Vuser [3] 2 of 3\n" + "[custom]: Console - " + tid + "raw text 100%%\n" +
                      "[Debug]: timers - " + tid + "now shown 2\n" + "[trace]: timers - " + tid +
