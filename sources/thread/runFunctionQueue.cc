@@ -147,8 +147,13 @@ void runPendingFunction(ThreadComponent& vuser) {
     // No script stands below a run function: the report ends in the log.
     KeshLogger::log(LogLevel::kError, kComponent, failure);
   }
-  // A request that came in while this one ran was left for now.
-  wakeVuser(vuser);
+  // A request that came in while this one ran was left for now; only then is another turn due.
+  bool pending;
+  {
+    std::lock_guard<std::mutex> lock(vuser.wake_mutex_);
+    pending = vuser.run_function_pending_;
+  }
+  if (pending) wakeVuser(vuser);
 }
 
 void runAsyncCallbacks(ThreadComponent* tc, bool fromScript) {

@@ -43,6 +43,7 @@ bool StateCell::move(std::initializer_list<VuserState> from, VuserState to) {
     KESH_CHECK(allowed(current, to));
     if (state_.compare_exchange_weak(current, to, std::memory_order_acq_rel)) break;
   }
+  // Taken once so that a waiter between its check and its wait cannot miss the change.
   { std::lock_guard<std::mutex> lock(mutex_); }
   changed_.notify_all();
   return true;
