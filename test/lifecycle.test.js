@@ -98,8 +98,11 @@ test('a reset and an end of the connection are the Vuser\'s: waiting calls fail,
 
 test('a thread the system refuses fails that start alone, and leaves no Vuser behind', { skip: process.getuid() !== 0 && 'needs root to run a child under a thread limit' }, () => {
   // As an unprivileged user with a task limit at what node already runs, the next thread fails.
+  // The checkout may lie where that user cannot read (a private temporary folder): the child
+  // loads a copy of the add-on beside the script.
+  const addonCopy = path.join(dir, 'ostrale-kesh.node');
   const code = `
-    const k = require(${JSON.stringify(modulePath)});
+    const k = require(${JSON.stringify(addonCopy)});
     const lines = [];
     k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
     k.createKeshThread(1, ${JSON.stringify(path.join(dir, 'idle.js'))}, '{}');
@@ -110,6 +113,7 @@ test('a thread the system refuses fails that start alone, and leaves no Vuser be
     });`;
   const fs = require('node:fs');
   fs.chmodSync(dir, 0o755);
+  fs.copyFileSync(addonFile, addonCopy);
   // The unprivileged user may not reach this node where it lies (a Node.js line kept under /root):
   // it runs the same file through a link, or a copy, beside the script.
   const node = path.join(dir, 'node');
