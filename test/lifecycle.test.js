@@ -122,7 +122,7 @@ test('a thread the system refuses fails that start alone, and leaves no Vuser be
   }
   const threads = 7;
   const r = spawnSync('setpriv', ['--reuid=65534', '--regid=65534', '--clear-groups', 'bash', '-c',
-    `ulimit -u ${threads} && exec "$0" -e "$1"`, node, code], { encoding: 'utf8', timeout: 30000 });
+    `ulimit -u ${threads} && exec "$0" -e "$1"`, node, code], { encoding: 'utf8', timeout: 30000, cwd: dir });
   assert.strictEqual(r.signal, null);
   assert.strictEqual(r.status, 0, r.stderr);
   assert.match(r.stdout, /R Vuser \[1\] thread fail to start\n/);
