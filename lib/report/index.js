@@ -1,0 +1,205 @@
+'use strict';
+// The HTML report of a run: one file that a person opens anywhere, offline. Everything it needs
+// is inside it: the chart library, the page's script and style, and the figures. Figures come
+// from summarize() (what the printed summary shows); per-second percentiles from the per-second
+// histograms the result carries.
+const fs = require('node:fs');
+const path = require('node:path');
+const { summarize, decodeHistogram, latencyFigures, readResult, mergeResults } = require('../resultFormat');
+
+const uplotDist = path.join(path.dirname(require.resolve('uplot/package.json')), 'dist');
+const readAsset = (file) => fs.readFileSync(file, 'utf8');
+
+const escapeHtml = (value) => String(value).replace(/[&<>"']/g, (c) => `&#${c.charCodeAt(0)};`);
+// Inline script text must not close its own element early.
+const inlineScript = (text) => text.replace(/<\/(script)/gi, '<\\/$1');
+const jsonForScript = (value) => JSON.stringify(value).replace(/</g, '\\u003c');
+
+// Three significant digits, the way the printed summary shows latencies.
+function ms(value) {
+  if (value === null || value === undefined) return '–';
+  if (value >= 100) return value.toFixed(0);
+  if (value >= 10) return value.toFixed(1);
+  return value.toFixed(2);
+}
+const rate = (value) => (value >= 100 ? value.toFixed(0) : value.toFixed(1));
+const count = (value) => (typeof value === 'number' ? value.toLocaleString('en-US') : '–');
+const isoTime = (epochMs) => (typeof epochMs === 'number' ? new Date(epochMs).toISOString() : '–');
+
+// The whole run's latencies in bins of equal width on a log scale, for a bar chart: a few
+// dozen bars, whatever the spread.
+function latencyBins(histogram, binsPerDecade = 20) {
+  const values = [];
+  histogram.recordedValuesIterator.reset();
+  while (histogram.recordedValuesIterator.hasNext()) {
+    const step = histogram.recordedValuesIterator.next();
+    values.push([Math.max(1, step.valueIteratedTo), step.countAtValueIteratedTo]);
+  }
+  if (values.length === 0) return { ms: [], counts: [] };
+  const low = Math.floor(Math.log10(values[0][0]) * binsPerDecade);
+  const high = Math.floor(Math.log10(values[values.length - 1][0]) * binsPerDecade);
+  const counts = new Array(high - low + 1).fill(0);
+  for (const [us, n] of values) counts[Math.floor(Math.log10(us) * binsPerDecade) - low] += n;
+  // Each bar stands at its bin's geometric middle.
+  const middles = counts.map((_, i) => 10 ** ((low + i + 0.5) / binsPerDecade) / 1000);
+  return { ms: middles, counts };
+}
+
+function chartData(result) {
+  const series = result.series;
+  const percentiles = series.map((entry) => latencyFigures(decodeHistogram(entry.hdr, `second ${entry.t}`)));
+  return {
+    t: series.map((entry) => entry.t),
+    requests: series.map((entry) => entry.requests),
+    errors: series.map((entry) => entry.errors),
+    vusers: series.map((entry) => entry.vusersRunning),
+    p50: percentiles.map((p) => p.p50),
+    p90: percentiles.map((p) => p.p90),
+    p99: percentiles.map((p) => p.p99),
+    latency: latencyBins(decodeHistogram(result.latency.hdr, 'latency')),
+  };
+}
+
+const figure = (id, label, value, shown, note = '') =>
+  `<div class="figure" id="${id}" data-value="${escapeHtml(value ?? '')}"><span class="label">${label}</span>` +
+  `<span class="value">${shown}</span>${note ? `<span class="note">${note}</span>` : ''}</div>`;
+
+const row = (cells, tag = 'td') => `<tr>${cells.map((c) => `<${tag}>${c}</${tag}>`).join('')}</tr>`;
+
+function identity(result) {
+  const vusers = result.vusers || {};
+  const shardText = result.shard.index === null
+    ? `${result.shard.count} merged${result.missingShards?.length ? `, missing ${result.missingShards.join(', ')}` : ''}`
+    : `${result.shard.index} of ${result.shard.count}`;
+  const service = result.service
+    ? `${result.service.host}:${result.service.port}${result.service.embedded ? ' (embedded stand-in)' : ''}` : '–';
+  const items = [
+    ['script', escapeHtml(result.script ?? '–')],
+    ['script sha256', `<code>${escapeHtml(result.scriptSha256 ?? '–')}</code>`],
+    ['run id', escapeHtml(result.runId ?? '–')],
+    ['Vusers', `${count(vusers.started)} started of ${count(vusers.planned)}, ${count(vusers.failed)} failed`],
+    ['duration', `${escapeHtml((result.seconds ?? (result.window.end - result.window.T) / 1000).toFixed(1))} s` +
+      (result.interrupted ? ' (interrupted)' : '')],
+    ['start', escapeHtml(isoTime(result.window.T))],
+    ['service', escapeHtml(service)],
+    ['runner', `kesh-run ${escapeHtml(result.runner?.version ?? '–')}, Node.js ${escapeHtml(result.runner?.node ?? '–')}`],
+    ['shards', escapeHtml(shardText)],
+  ];
+  return `<dl class="identity">${items.map(([k, v]) => `<dt>${k}</dt><dd>${v}</dd>`).join('')}</dl>`;
+}
+
+function figures(result, summary) {
+  const { latencyMs } = summary;
+  const kinds = Object.entries(result.errorsByKind || {}).filter(([, n]) => n > 0);
+  const errorNote = `${(summary.errorRate * 100).toFixed(2)}%` +
+    (kinds.length ? `: ${kinds.map(([kind, n]) => `${escapeHtml(kind)} ${count(n)}`).join(', ')}` : '');
+  return `<div class="figures">${[
+    figure('fig-requests', 'requests', summary.requests, count(summary.requests)),
+    figure('fig-rps', 'requests / s', summary.requestsPerSecond, rate(summary.requestsPerSecond)),
+    figure('fig-errors', 'errors', summary.errors, count(summary.errors), errorNote),
+    figure('fig-p50', 'p50', latencyMs.p50, `${ms(latencyMs.p50)} ms`),
+    figure('fig-p90', 'p90', latencyMs.p90, `${ms(latencyMs.p90)} ms`),
+    figure('fig-p99', 'p99', latencyMs.p99, `${ms(latencyMs.p99)} ms`),
+    figure('fig-max', 'max', latencyMs.max, `${ms(latencyMs.max)} ms`),
+  ].join('')}</div>`;
+}
+
+function verdict(result) {
+  const passed = result.passed !== false;
+  const thresholds = result.thresholds || [];
+  const problems = result.problems || [];
+  let html = `<p class="verdict ${passed ? 'passed' : 'failed'}" id="verdict" data-passed="${passed}">` +
+    `${passed ? 'passed' : 'failed'}</p>`;
+  if (thresholds.length) {
+    html += `<table class="thresholds"><thead>${row(['threshold', 'value', ''], 'th')}</thead><tbody>` +
+      thresholds.map((t) => row([`<code>${escapeHtml(t.expr)}</code>`, t.value === null ? '–' : ms(t.value),
+        t.passed ? '<span class="ok">passed</span>' : '<span class="bad">failed</span>'])).join('') + '</tbody></table>';
+  }
+  if (problems.length) html += `<ul class="problems">${problems.map((p) => `<li>${escapeHtml(p)}</li>`).join('')}</ul>`;
+  return html;
+}
+
+function kindsTable(result) {
+  const kinds = Object.entries(result.kinds || {});
+  if (!kinds.length) return '';
+  const rows = kinds.map(([kind, entry]) => {
+    const f = latencyFigures(decodeHistogram(entry.latency.hdr, `kind ${kind}`));
+    return row([escapeHtml(kind), count(entry.requests), count(entry.errors), ms(f.p50), ms(f.p90), ms(f.p99), ms(f.max)]);
+  });
+  return `<section><h2>Requests by kind</h2><table class="numbers"><thead>` +
+    `${row(['kind', 'requests', 'errors', 'p50 ms', 'p90 ms', 'p99 ms', 'max ms'], 'th')}</thead>` +
+    `<tbody>${rows.join('')}</tbody></table></section>`;
+}
+
+function shardsTable(result) {
+  if (!Array.isArray(result.shards)) return '';
+  const firstRelease = Math.min(...result.shards.map((s) => s.releasedAt));
+  const rows = result.shards.map((s) =>
+    `<tr data-shard="${s.index}"><td>${s.index}</td><td data-field="requests">${count(s.requests)}</td>` +
+    `<td data-field="errors">${count(s.errors)}</td><td data-field="p99">${ms(s.p99Ms)}</td>` +
+    `<td>${escapeHtml(isoTime(s.releasedAt))} <span class="note">+${s.releasedAt - firstRelease} ms</span></td>` +
+    `<td>${s.saturated ? '<span class="bad">saturated</span>' : ''}</td></tr>`);
+  for (const index of result.missingShards || []) {
+    rows.push(`<tr data-shard="${index}" class="missing"><td>${index}</td><td colspan="5">missing</td></tr>`);
+  }
+  return `<section><h2>Shards</h2><p>release skew <strong id="release-skew" data-value="${result.releaseSkewMs}">` +
+    `${result.releaseSkewMs} ms</strong> (last shard released minus first)</p><table class="numbers shards">` +
+    `<thead>${row(['shard', 'requests', 'errors', 'p99 ms', 'released', ''], 'th')}</thead>` +
+    `<tbody>${rows.join('')}</tbody></table></section>`;
+}
+
+const chart = (name, title) =>
+  `<figure class="chart"><figcaption>${title}</figcaption><div data-chart="${name}"></div></figure>`;
+
+// The page of one result (a run, a shard, or a merge), as an HTML string.
+function buildReport(result) {
+  const summary = summarize(result);
+  const title = `kesh-run report: ${result.script ?? 'run'} ${isoTime(result.window.T)}`;
+  const saturated = result.saturated
+    ? '<p class="warning">The runner was saturated during this run: its own loop lagged, so the figures are suspect.</p>' : '';
+  return `<!DOCTYPE html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<meta http-equiv="Content-Security-Policy" content="default-src 'none'; script-src 'unsafe-inline'; style-src 'unsafe-inline'; img-src data:; base-uri 'none'; form-action 'none'">
+<meta name="viewport" content="width=device-width, initial-scale=1">
+<title>${escapeHtml(title)}</title>
+<style>${readAsset(path.join(uplotDist, 'uPlot.min.css'))}</style>
+<style>${readAsset(path.join(__dirname, 'page.css'))}</style>
+</head>
+<body>
+<header><h1>kesh-run report <span class="script">${escapeHtml(result.script ?? '')}</span></h1>${verdict(result)}</header>
+<main>
+${saturated}
+<section>${identity(result)}</section>
+<section>${figures(result, summary)}</section>
+<section class="charts">
+${chart('requests', 'Requests per second')}
+${chart('latency', 'Latency per second (ms)')}
+${chart('errors', 'Errors per second')}
+${chart('vusers', 'Vusers running')}
+${chart('histogram', 'Latency of the whole run (ms, log scale)')}
+</section>
+${shardsTable(result)}
+${kindsTable(result)}
+</main>
+<footer>Seconds count from the start of the measured window (${escapeHtml(isoTime(result.window.T))}).</footer>
+<script type="application/json" id="kesh-data">${jsonForScript(chartData(result))}</script>
+<script>${inlineScript(readAsset(path.join(uplotDist, 'uPlot.iife.min.js')))}</script>
+<script>${inlineScript(readAsset(path.join(__dirname, 'page.js')))}</script>
+</body>
+</html>
+`;
+}
+
+// Reads result files (their text, with names for the messages) and builds the page: one file is
+// reported as it is, several are the shards of one run and are merged first.
+function reportFromTexts(files, { allowPartial = false } = {}) {
+  if (files.length === 0) throw new Error('no result to report');
+  const results = files.map(({ name, text }) => readResult(text, name));
+  const result = results.length === 1
+    ? results[0] : mergeResults(results, { allowPartial, names: files.map((f) => f.name) });
+  return { result, html: buildReport(result) };
+}
+
+module.exports = { buildReport, reportFromTexts };
