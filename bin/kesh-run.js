@@ -2,6 +2,10 @@
 // Runs a load: Vusers of one script against the service, a progress line while they run, and a
 // summary (and JSON) of what they measured. Exit code 0 only when the run passed.
 'use strict';
+if (process.argv[2] === 'report') {
+  require('../lib/report/command').main(process.argv.slice(3));
+  return;
+}
 const fs = require('node:fs');
 const path = require('node:path');
 const { parseArgs } = require('node:util');

@@ -5,7 +5,9 @@
 // histograms the result carries.
 const fs = require('node:fs');
 const path = require('node:path');
-const { summarize, decodeHistogram, latencyFigures, readResult, mergeResults } = require('../resultFormat');
+const {
+  summarize, decodeHistogram, latencyFigures, readResult, mergeResults, parseThreshold,
+} = require('../resultFormat');
 
 const uplotDist = path.join(path.dirname(require.resolve('uplot/package.json')), 'dist');
 const readAsset = (file) => fs.readFileSync(file, 'utf8');
@@ -104,6 +106,18 @@ function figures(result, summary) {
   ].join('')}</div>`;
 }
 
+// A threshold's value in its figure's unit: ms for latencies, percent for errors, rps as it is.
+function thresholdValue({ expr, value }) {
+  if (value === null || value === undefined) return '–';
+  let figure = null;
+  try {
+    figure = parseThreshold(expr).figure;
+  } catch {}
+  if (figure === 'errors') return `${value.toFixed(2)}%`;
+  if (figure === 'rps') return `${rate(value)}/s`;
+  return `${ms(value)} ms`;
+}
+
 function verdict(result) {
   const passed = result.passed !== false;
   const thresholds = result.thresholds || [];
@@ -112,7 +126,7 @@ function verdict(result) {
     `${passed ? 'passed' : 'failed'}</p>`;
   if (thresholds.length) {
     html += `<table class="thresholds"><thead>${row(['threshold', 'value', ''], 'th')}</thead><tbody>` +
-      thresholds.map((t) => row([`<code>${escapeHtml(t.expr)}</code>`, t.value === null ? '–' : ms(t.value),
+      thresholds.map((t) => row([`<code>${escapeHtml(t.expr)}</code>`, thresholdValue(t),
         t.passed ? '<span class="ok">passed</span>' : '<span class="bad">failed</span>'])).join('') + '</tbody></table>';
   }
   if (problems.length) html += `<ul class="problems">${problems.map((p) => `<li>${escapeHtml(p)}</li>`).join('')}</ul>`;

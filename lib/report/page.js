@@ -9,6 +9,8 @@
   const fromZero = { auto: true, range: (u, min, max) => [0, max > 0 ? max * 1.08 : 1] };
   const shown = (digits, unit) => (u, v) => (v === null || v === undefined ? '–' : `${v.toFixed(digits)}${unit}`);
   const seconds = { label: 'second', value: (u, v) => (v === null ? '–' : `${v} s`) };
+  // Bars stand on whole seconds: half a second of room either side keeps the first and last whole.
+  const barSeconds = { time: false, range: (u, min, max) => [min - 0.5, max + 0.5] };
   const secondAxis = { label: 'seconds into the run', labelSize: 20 };
 
   function make(name, options, columns) {
@@ -37,7 +39,7 @@
   }, [data.t, data.p50, data.p90, data.p99]);
 
   make('errors', {
-    scales: { x: { time: false }, y: fromZero },
+    scales: { x: barSeconds, y: fromZero },
     axes: [secondAxis, { label: 'errors / s', labelSize: 20, size: 56 }],
     series: [seconds, line('errors / s', '#c62828', 0, '', {
       fill: 'rgba(198, 40, 40, 0.55)', width: 1, paths: uPlot.paths.bars({ size: [0.7, 40] }), points: { show: false },

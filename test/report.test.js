@@ -1,0 +1,209 @@
+'use strict';
+// The HTML report as a person meets it: written by kesh-run, opened in a real browser with the
+// network shut, its figures read back from the page and compared with the result's.
+const test = require('node:test');
+const assert = require('node:assert');
+const { spawn } = require('node:child_process');
+const fs = require('node:fs');
+const path = require('node:path');
+const { scriptDir } = require('./helpers');
+const {
+  kFormat, newHistogram, encodeHistogram, summarize, latencyFigures, decodeHistogram, mergeResults,
+} = require('../lib/resultFormat');
+const { buildReport } = require('../lib/report');
+const { findBrowser, launch, openPage } = require('./browser');
+
+const root = path.join(__dirname, '..');
+const runner = path.join(root, 'bin', 'kesh-run.js');
+const artifacts = path.join(__dirname, 'artifacts');
+const dir = scriptDir({});
+const file = (name) => path.join(dir, name);
+
+// A shard's result as the runner writes it: `seconds` of load with a latency that climbs in the
+// middle of the run (a stall the charts must show) and a few errors. Deterministic per `seed`.
+function shardResult({ index = 0, count = 1, seconds = 12, seed = 1, runId = 'run-a', vusers = 4, releasedAt = 0 }) {
+  let state = seed;
+  const random = () => ((state = (state * 1103515245 + 12345) % 2147483648) / 2147483648);
+  const T = 1_767_000_000_000;
+  const all = newHistogram();
+  const series = [];
+  let requests = 0;
+  let errors = 0;
+  for (let t = 0; t < seconds; t++) {
+    const second = newHistogram();
+    const n = 80 + Math.floor(random() * 40);
+    const slow = t >= seconds / 2 && t < seconds / 2 + 3 ? 8 : 1;
+    for (let i = 0; i < n; i++) {
+      const us = Math.round((2000 + random() * 6000 + (random() < 0.02 ? 40000 : 0)) * slow);
+      second.recordValue(us);
+      all.recordValue(us);
+    }
+    const e = t % 4 === 3 ? 2 : 0;
+    requests += n;
+    errors += e;
+    series.push({ t, requests: n, errors: e, vusersRunning: vusers, hdr: encodeHistogram(second) });
+  }
+  return {
+    format: kFormat, runId, shard: { index, count }, vuserIds: { first: 1 + index * vusers, count: vusers },
+    vusers: { planned: vusers, started: vusers, failed: 0, failedToStart: 0, endedEarly: 0 },
+    script: 'examples/load.js', scriptSha256: 'ab'.repeat(32),
+    service: { host: '127.0.0.1', port: 38079, embedded: true }, runner: { version: '0.1.0', node: process.version },
+    window: { T, releasedAt: T - 2000 + releasedAt, firstRequestAt: T + 3, end: T + seconds * 1000 }, seconds,
+    interrupted: false, counts: { requests, errors }, errorsByKind: { check: errors }, kinds: {},
+    latency: { unit: 'us', hdr: encodeHistogram(all) }, series, cpu: { userMs: 100, systemMs: 50 },
+    saturated: false, thresholds: [], passed: errors === 0, problems: [],
+  };
+}
+
+function writeJson(name, value) {
+  fs.writeFileSync(file(name), typeof value === 'string' ? value : JSON.stringify(value));
+  return file(name);
+}
+
+function kesh(args) {
+  const child = spawn(process.execPath, [runner, ...args], { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
+  let stdout = '';
+  let stderr = '';
+  child.stdout.on('data', (chunk) => { stdout += chunk; });
+  child.stderr.on('data', (chunk) => { stderr += chunk; });
+  return new Promise((resolve) => child.on('close', (code) => resolve({ code, stdout, stderr })));
+}
+
+
+// The number a figure's text shows, e.g. "1,234" or "63.6 ms".
+const shownNumber = (text) => Number(text.replace(/[^\d.]/g, ''));
+const near = (shown, value) => Math.abs(shown - value) <= Math.abs(value) * 0.005 + 0.005;
+
+test('report command: each bad input has its own message and exit code, and writes no page', async () => {
+  const shards = [0, 1, 2].map((index) => writeJson(`shard${index}.json`, shardResult({ index, count: 3, seed: index + 1 })));
+  const cases = [
+    [[writeJson('text.json', 'load went fine')], 4, /text\.json: not JSON/],
+    [[writeJson('other.json', { requests: 3 })], 4, /other\.json: not a kesh-run result/],
+    [[writeJson('newer.json', { ...shardResult({}), format: 'kesh-result/2' })], 4, /newer\.json: format kesh-result\/2 is newer than this kesh-run/],
+    [[shards[0], shards[1], writeJson('runb.json', shardResult({ index: 2, count: 3, runId: 'run-b' }))], 4,
+      /shard 2 \(.*runb\.json\) belongs to run "run-b", not "run-a"/],
+    [[shards[0], shards[2]], 4, /shard 1 of 3 is missing/],
+    [[shards[0], shards[0]], 4, /shard 0 appears twice/],
+    [[shards[0], '--bogus'], 2, /Unknown option '--bogus'/],
+  ];
+  for (const [inputs, code, message] of cases) {
+    const out = file('bad.html');
+    fs.rmSync(out, { force: true });
+    const r = await kesh(['report', ...inputs, '--out', out]);
+    assert.strictEqual(r.code, code, `${inputs}: ${r.stderr}`);
+    assert.match(r.stderr, message);
+    assert.ok(!fs.existsSync(out), `${inputs}: a page was written`);
+  }
+  const r = await kesh(['report', shards[0]]);
+  assert.strictEqual(r.code, 2);
+  assert.match(r.stderr, /--out FILE is needed/);
+  // A partial merge still gets its page, with the missing shard in it, and still fails.
+  const partial = await kesh(['report', shards[0], shards[2], '--allow-partial', '--out', file('partial.html')]);
+  assert.strictEqual(partial.code, 4, partial.stderr);
+  assert.match(fs.readFileSync(file('partial.html'), 'utf8'), /<tr data-shard="1" class="missing">/);
+});
+
+test('the page is one file: nothing outside it is referred to, and result text cannot break out of it', () => {
+  const hostile = '</script><script>alert(1)</script><img src="http://example.invalid/x.png">';
+  const html = buildReport({ ...shardResult({ seconds: 3 }), script: hostile, errorsByKind: { [hostile]: 1 } });
+  assert.doesNotMatch(html, /<[a-z][^>]*\b(src|href|action)\s*=/i);
+  assert.doesNotMatch(html, /url\(|@import/i);
+  assert.strictEqual(html.match(/<script\b/g).length, 3, 'the data, the chart library and the page script');
+  assert.match(html, /Content-Security-Policy" content="default-src 'none'/);
+  assert.ok(html.includes('uPlot'), 'the chart library is inline');
+});
+
+test('the page in headless chromium, network shut', async (t) => {
+  const binary = findBrowser();
+  if (binary === null) {
+    // CI installs the browser: there, its absence is a failure, not a reason to skip.
+    assert.ok(!process.env.CI, 'chromium is not installed on CI');
+    t.skip('no chromium on PATH (apt-get install chromium; or KESH_CHROMIUM=/path): the page was not checked in a browser');
+    return;
+  }
+  const browser = await launch(binary);
+  let closed = false;
+  t.after(async () => {
+    if (!closed) await browser.close();
+  });
+
+  // Opens a page as a person would and checks what every page must hold.
+  async function look(page, png) {
+    const tab = await openPage(browser, page);
+    try {
+      const seen = await tab.evaluate(`(() => {
+        const figure = (id) => { const el = document.getElementById(id);
+          return el && { value: el.dataset.value, text: el.querySelector('.value').textContent }; };
+        const charts = [...document.querySelectorAll('[data-chart]')].map((el) => {
+          const canvas = el.querySelector('canvas');
+          if (!canvas) return { name: el.dataset.chart, width: 0, height: 0, colored: 0 };
+          const { data } = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
+          // Axes and grid are grey; only drawn series have colour.
+          let colored = 0;
+          for (let i = 0; i < data.length; i += 4) {
+            const r = data[i], g = data[i + 1], b = data[i + 2];
+            if (data[i + 3] > 0 && Math.max(r, g, b) - Math.min(r, g, b) > 60) colored++;
+          }
+          return { name: el.dataset.chart, width: canvas.width, height: canvas.height, colored };
+        });
+        const shards = [...document.querySelectorAll('tr[data-shard]')].map((tr) => ({
+          index: Number(tr.dataset.shard),
+          requests: tr.querySelector('[data-field=requests]')?.textContent,
+          p99: tr.querySelector('[data-field=p99]')?.textContent,
+        }));
+        return { requests: figure('fig-requests'), errors: figure('fig-errors'), p99: figure('fig-p99'), charts, shards,
+          skew: document.getElementById('release-skew')?.dataset.value };
+      })()`);
+      await tab.screenshot(png);
+      assert.deepStrictEqual(tab.requests, [], 'requests beside the page itself');
+      assert.deepStrictEqual(tab.problems, [], 'console errors');
+      assert.deepStrictEqual(seen.charts.map((c) => c.name), ['requests', 'latency', 'errors', 'vusers', 'histogram']);
+      for (const chart of seen.charts) {
+        assert.ok(chart.width > 200 && chart.height > 100, `${chart.name}: ${chart.width}x${chart.height}`);
+        assert.ok(chart.colored > 300, `${chart.name}: ${chart.colored} drawn pixels`);
+      }
+      return seen;
+    } finally {
+      await tab.close();
+    }
+  }
+
+  function sameFigures(seen, summary) {
+    for (const [name, value] of [['requests', summary.requests], ['errors', summary.errors], ['p99', summary.latencyMs.p99]]) {
+      assert.strictEqual(Number(seen[name].value), value, `${name} behind the figure`);
+      assert.ok(near(shownNumber(seen[name].text), value), `${name} shown as ${seen[name].text}, the result has ${value}`);
+    }
+  }
+
+  await t.test('one run: no console error, every chart drawn, figures equal the summary', async () => {
+    const result = shardResult({});
+    const json = writeJson('single.json', result);
+    const r = await kesh(['report', json, '--out', file('single.html')]);
+    assert.strictEqual(r.code, 0, r.stderr);
+    const seen = await look(file('single.html'), path.join(artifacts, 'report-single.png'));
+    sameFigures(seen, summarize(result));
+    assert.deepStrictEqual(seen.shards, []);
+  });
+
+  await t.test('merged shards: the merged totals and each shard', async () => {
+    const shards = [0, 1, 2].map((index) => shardResult({ index, count: 3, seed: index + 7, releasedAt: index * 11 }));
+    // Handed over out of order: the page lists them by index.
+    const files = [2, 0, 1].map((index) => writeJson(`m${index}.json`, shards[index]));
+    const r = await kesh(['report', ...files, '--out', file('merged.html')]);
+    assert.strictEqual(r.code, 0, r.stderr);
+    const seen = await look(file('merged.html'), path.join(artifacts, 'report-merged.png'));
+    const merged = mergeResults(shards);
+    sameFigures(seen, summarize(merged));
+    assert.strictEqual(Number(seen.requests.value), shards.reduce((sum, s) => sum + s.counts.requests, 0));
+    assert.deepStrictEqual(seen.shards.map((s) => s.index), [0, 1, 2]);
+    seen.shards.forEach((row, index) => {
+      assert.strictEqual(shownNumber(row.requests), shards[index].counts.requests);
+      const p99 = latencyFigures(decodeHistogram(shards[index].latency.hdr)).p99;
+      assert.ok(near(shownNumber(row.p99), p99), `shard ${index}: p99 ${row.p99}, the result has ${p99}`);
+    });
+    assert.strictEqual(Number(seen.skew), 22);
+  });
+
+  closed = true;
+  assert.ok(await browser.close(), 'a chromium process outlived the close');
+});
