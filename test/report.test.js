@@ -3,7 +3,7 @@
 // network shut, its figures read back from the page and compared with the result's.
 const test = require('node:test');
 const assert = require('node:assert');
-const { spawn } = require('node:child_process');
+const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
 const { scriptDir } = require('./helpers');
@@ -61,14 +61,9 @@ function writeJson(name, value) {
 }
 
 function kesh(args) {
-  const child = spawn(process.execPath, [runner, ...args], { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
-  let stdout = '';
-  let stderr = '';
-  child.stdout.on('data', (chunk) => { stdout += chunk; });
-  child.stderr.on('data', (chunk) => { stderr += chunk; });
-  return new Promise((resolve) => child.on('close', (code) => resolve({ code, stdout, stderr })));
+  const r = spawnSync(process.execPath, [runner, ...args], { cwd: root, encoding: 'utf8', timeout: 60000 });
+  return { code: r.status, stdout: r.stdout, stderr: r.stderr };
 }
-
 
 // The number a figure's text shows, e.g. "1,234" or "63.6 ms".
 const shownNumber = (text) => Number(text.replace(/[^\d.]/g, ''));
@@ -89,16 +84,16 @@ test('report command: each bad input has its own message and exit code, and writ
   for (const [inputs, code, message] of cases) {
     const out = file('bad.html');
     fs.rmSync(out, { force: true });
-    const r = await kesh(['report', ...inputs, '--out', out]);
+    const r = kesh(['report', ...inputs, '--out', out]);
     assert.strictEqual(r.code, code, `${inputs}: ${r.stderr}`);
     assert.match(r.stderr, message);
     assert.ok(!fs.existsSync(out), `${inputs}: a page was written`);
   }
-  const r = await kesh(['report', shards[0]]);
+  const r = kesh(['report', shards[0]]);
   assert.strictEqual(r.code, 2);
   assert.match(r.stderr, /--out FILE is needed/);
   // A partial merge still gets its page, with the missing shard in it, and still fails.
-  const partial = await kesh(['report', shards[0], shards[2], '--allow-partial', '--out', file('partial.html')]);
+  const partial = kesh(['report', shards[0], shards[2], '--allow-partial', '--out', file('partial.html')]);
   assert.strictEqual(partial.code, 4, partial.stderr);
   assert.match(fs.readFileSync(file('partial.html'), 'utf8'), /<tr data-shard="1" class="missing">/);
 });
@@ -178,7 +173,7 @@ test('the page in headless chromium, network shut', async (t) => {
   await t.test('one run: no console error, every chart drawn, figures equal the summary', async () => {
     const result = shardResult({});
     const json = writeJson('single.json', result);
-    const r = await kesh(['report', json, '--out', file('single.html')]);
+    const r = kesh(['report', json, '--out', file('single.html')]);
     assert.strictEqual(r.code, 0, r.stderr);
     const seen = await look(file('single.html'), path.join(artifacts, 'report-single.png'));
     sameFigures(seen, summarize(result));
@@ -189,7 +184,7 @@ test('the page in headless chromium, network shut', async (t) => {
     const shards = [0, 1, 2].map((index) => shardResult({ index, count: 3, seed: index + 7, releasedAt: index * 11 }));
     // Handed over out of order: the page lists them by index.
     const files = [2, 0, 1].map((index) => writeJson(`m${index}.json`, shards[index]));
-    const r = await kesh(['report', ...files, '--out', file('merged.html')]);
+    const r = kesh(['report', ...files, '--out', file('merged.html')]);
     assert.strictEqual(r.code, 0, r.stderr);
     const seen = await look(file('merged.html'), path.join(artifacts, 'report-merged.png'));
     const merged = mergeResults(shards);
