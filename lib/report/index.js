@@ -70,9 +70,12 @@ const row = (cells, tag = 'td') => `<tr>${cells.map((c) => `<${tag}>${c}</${tag}
 
 function identity(result) {
   const vusers = result.vusers || {};
-  const shardText = result.shard.index === null
-    ? `${result.shard.count} merged${result.missingShards?.length ? `, missing ${result.missingShards.join(', ')}` : ''}`
-    : `${result.shard.index} of ${result.shard.count}`;
+  let shardText = `shard ${result.shard.index} of ${result.shard.count}`;
+  if (result.shard.index === null) {
+    shardText = `${result.shard.count} merged${result.missingShards?.length ? `, missing ${result.missingShards.join(', ')}` : ''}`;
+  } else if (result.shard.count === 1) {
+    shardText = 'one (not sharded)';
+  }
   const service = result.service
     ? `${result.service.host}:${result.service.port}${result.service.embedded ? ' (embedded stand-in)' : ''}` : '–';
   const items = [
