@@ -19,39 +19,31 @@ const artifacts = path.join(__dirname, 'artifacts');
 const dir = scriptDir({});
 const file = (name) => path.join(dir, name);
 
-// A shard's result as the runner writes it: `seconds` of load with a latency that climbs in the
-// middle of the run (a stall the charts must show) and a few errors. Deterministic per `seed`.
-function shardResult({ index = 0, count = 1, seconds = 12, seed = 1, runId = 'run-a', vusers = 4, releasedAt = 0 }) {
+// A shard's result as the runner writes it: load with a latency that climbs for three seconds in
+// the middle (a stall the charts must show) and a few errors. Deterministic per `seed`.
+function shardResult({ index = 0, count = 1, seconds = 12, seed = 1, runId = 'run-a', releasedAt = 0 }) {
   let state = seed;
   const random = () => ((state = (state * 1103515245 + 12345) % 2147483648) / 2147483648);
   const T = 1_767_000_000_000;
   const all = newHistogram();
-  const series = [];
-  let requests = 0;
-  let errors = 0;
-  for (let t = 0; t < seconds; t++) {
+  const series = Array.from({ length: seconds }, (_, t) => {
     const second = newHistogram();
-    const n = 80 + Math.floor(random() * 40);
-    const slow = t >= seconds / 2 && t < seconds / 2 + 3 ? 8 : 1;
-    for (let i = 0; i < n; i++) {
+    const requests = 80 + Math.floor(random() * 40);
+    const slow = Math.abs(t - seconds / 2 - 1) < 2 ? 8 : 1;
+    for (let i = 0; i < requests; i++) {
       const us = Math.round((2000 + random() * 6000 + (random() < 0.02 ? 40000 : 0)) * slow);
       second.recordValue(us);
       all.recordValue(us);
     }
-    const e = t % 4 === 3 ? 2 : 0;
-    requests += n;
-    errors += e;
-    series.push({ t, requests: n, errors: e, vusersRunning: vusers, hdr: encodeHistogram(second) });
-  }
+    return { t, requests, errors: t % 4 === 3 ? 2 : 0, vusersRunning: 4, hdr: encodeHistogram(second) };
+  });
+  const sum = (key) => series.reduce((n, entry) => n + entry[key], 0);
   return {
-    format: kFormat, runId, shard: { index, count }, vuserIds: { first: 1 + index * vusers, count: vusers },
-    vusers: { planned: vusers, started: vusers, failed: 0, failedToStart: 0, endedEarly: 0 },
-    script: 'examples/load.js', scriptSha256: 'ab'.repeat(32),
-    service: { host: '127.0.0.1', port: 38079, embedded: true }, runner: { version: '0.1.0', node: process.version },
-    window: { T, releasedAt: T - 2000 + releasedAt, firstRequestAt: T + 3, end: T + seconds * 1000 }, seconds,
-    interrupted: false, counts: { requests, errors }, errorsByKind: { check: errors }, kinds: {},
-    latency: { unit: 'us', hdr: encodeHistogram(all) }, series, cpu: { userMs: 100, systemMs: 50 },
-    saturated: false, thresholds: [], passed: errors === 0, problems: [],
+    format: kFormat, runId, shard: { index, count }, vuserIds: { first: 1 + index * 4, count: 4 },
+    vusers: { planned: 4, started: 4, failed: 0 }, script: 'examples/load.js', scriptSha256: 'ab'.repeat(32),
+    runner: { version: '0.1.0', node: process.version }, window: { T, releasedAt: T - 2000 + releasedAt, end: T + seconds * 1000 },
+    counts: { requests: sum('requests'), errors: sum('errors') }, errorsByKind: { check: sum('errors') },
+    latency: { unit: 'us', hdr: encodeHistogram(all) }, series, passed: false, problems: [],
   };
 }
 
