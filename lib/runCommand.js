@@ -11,6 +11,7 @@ const { statusLine, summaryText } = require('./results');
 const { shardIds, shardOf, newRunId } = require('./shard');
 const { createBarrier } = require('./barrier');
 const resultLines = require('./resultLines');
+const { buildReport } = require('./report');
 
 const usage = `usage: kesh-run [options] [script.js]      (default script: examples/load.js)
   --vusers N        Vusers to start (default 10)
@@ -21,6 +22,7 @@ const usage = `usage: kesh-run [options] [script.js]      (default script: examp
   --args JSON       object given to every Vuser as \`args\`; the runner adds \`service\` {host, port}
   --max-errors P    highest error rate, in percent of requests, that still passes (default 0)
   --json FILE       write the result (kesh-result/1) to FILE; "-": as checksummed lines on stdout
+  --report FILE     write the result as an HTML page (charts over time) to FILE at the end
   --log-level L     log lines shown: error, warning, info, debug or trace (default info)
   --log-file FILE   keep every log line, whatever the level, in FILE
   --quiet           no progress line
@@ -36,6 +38,7 @@ const usage = `usage: kesh-run [options] [script.js]      (default script: examp
   --barrier-lead S  the start is this long after the last shard is ready (default 2)
  other commands:
   kesh-run merge FILE... [--json OUT] [--allow-partial] [--threshold EXPR]...
+  kesh-run report RESULT.json... --out report.html [--allow-partial]
   kesh-run k8s manifest --shards N [options]    kesh-run k8s collect --job NAME`;
 
 function fail(message) {
@@ -59,6 +62,7 @@ async function main(argv) {
         args: { type: 'string', default: '{}' },
         'max-errors': { type: 'string', default: '0' },
         json: { type: 'string' },
+        report: { type: 'string' },
         'log-level': { type: 'string', default: 'info' },
         'log-file': { type: 'string' },
         quiet: { type: 'boolean', default: false },
@@ -283,6 +287,16 @@ async function main(argv) {
         process.exitCode = 1;
         return;
       }
+    }
+    if (values.report !== undefined) {
+      try {
+        fs.writeFileSync(values.report, buildReport(json));
+      } catch (err) {
+        print(`kesh-run: cannot write the report: ${err.message}`);
+        process.exitCode = 1;
+        return;
+      }
+      say(`report: ${values.report}`);
     }
     flushLog();
     process.exitCode = result.interrupted ? 130 : verdict.passed ? 0 : 1;

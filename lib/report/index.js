@@ -50,10 +50,18 @@ function latencyBins(histogram, binsPerDecade = 20) {
 function chartData(result) {
   const series = result.series;
   const percentiles = series.map((entry) => latencyFigures(decodeHistogram(entry.hdr, `second ${entry.t}`)));
+  // The window's end cuts its last second short: that second's count is a rate over the part it
+  // covers, or no point at all when the part is too short for a rate to mean anything.
+  const windowSeconds = (result.window.end - result.window.T) / 1000;
+  const perSecond = (entry, n) => {
+    const covered = Math.min(1, windowSeconds - entry.t);
+    if (covered >= 1) return n;
+    return covered >= 0.25 ? n / covered : null;
+  };
   return {
     t: series.map((entry) => entry.t),
-    requests: series.map((entry) => entry.requests),
-    errors: series.map((entry) => entry.errors),
+    requests: series.map((entry) => perSecond(entry, entry.requests)),
+    errors: series.map((entry) => perSecond(entry, entry.errors)),
     vusers: series.map((entry) => entry.vusersRunning),
     p50: percentiles.map((p) => p.p50),
     p90: percentiles.map((p) => p.p90),
@@ -192,7 +200,7 @@ ${saturated}
 <section>${figures(result, summary)}</section>
 <section class="charts">
 ${chart('requests', 'Requests per second')}
-${chart('latency', 'Latency per second (ms)')}
+${chart('latency', 'Latency per second (ms, log scale)')}
 ${chart('errors', 'Errors per second')}
 ${chart('vusers', 'Vusers running')}
 ${chart('histogram', 'Latency of the whole run (ms, log scale)')}

@@ -32,8 +32,9 @@
     series: [seconds, line('requests / s', '#2563eb', 0, '', { fill: 'rgba(37, 99, 235, 0.12)' })],
   }, [data.t, data.requests]);
 
+  // On a log scale a stall's p99 does not flatten p50 and p90 into the axis.
   make('latency', {
-    scales: { x: { time: false }, y: fromZero },
+    scales: { x: { time: false }, y: { distr: 3 } },
     axes: [secondAxis, { label: 'ms', labelSize: 20, size: 56 }],
     series: [seconds, line('p50', '#16a34a', 2, ' ms'), line('p90', '#d97706', 2, ' ms'), line('p99', '#dc2626', 2, ' ms')],
   }, [data.t, data.p50, data.p90, data.p99]);
