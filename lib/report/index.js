@@ -51,21 +51,20 @@ function chartData(result) {
   const series = result.series;
   const percentiles = series.map((entry) => latencyFigures(decodeHistogram(entry.hdr, `second ${entry.t}`)));
   // The window's end cuts its last second short: that second's count is a rate over the part it
-  // covers, or no point at all when the part is too short for a rate to mean anything.
+  // covers, or no point at all when the part is too short for its rate or percentiles to mean much.
   const windowSeconds = (result.window.end - result.window.T) / 1000;
-  const perSecond = (entry, n) => {
-    const covered = Math.min(1, windowSeconds - entry.t);
-    if (covered >= 1) return n;
-    return covered >= 0.25 ? n / covered : null;
-  };
+  const covered = series.map((entry) => Math.min(1, windowSeconds - entry.t));
+  const point = (i, value) => (covered[i] >= 0.25 && value !== null ? value / covered[i] : null);
+  const rates = (key) => series.map((entry, i) => point(i, entry[key]));
+  const latency = (p) => percentiles.map((figures, i) => (covered[i] >= 0.25 ? figures[p] : null));
   return {
     t: series.map((entry) => entry.t),
-    requests: series.map((entry) => perSecond(entry, entry.requests)),
-    errors: series.map((entry) => perSecond(entry, entry.errors)),
+    requests: rates('requests'),
+    errors: rates('errors'),
     vusers: series.map((entry) => entry.vusersRunning),
-    p50: percentiles.map((p) => p.p50),
-    p90: percentiles.map((p) => p.p90),
-    p99: percentiles.map((p) => p.p99),
+    p50: latency('p50'),
+    p90: latency('p90'),
+    p99: latency('p99'),
     latency: latencyBins(decodeHistogram(result.latency.hdr, 'latency')),
   };
 }
