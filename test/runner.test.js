@@ -2,15 +2,13 @@
 // kesh-run as a person runs it: a child process, its printed summary, its JSON and exit code.
 const test = require('node:test');
 const assert = require('node:assert');
-const { spawn } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
-const { scriptDir } = require('./helpers');
+const { scriptDir, startRunner: start } = require('./helpers');
 const pelmare = require('../tools/pelmare');
 const { decodeHistogram, kFormat } = require('../lib/resultFormat');
 
 const root = path.join(__dirname, '..');
-const runner = path.join(root, 'bin', 'kesh-run.js');
 const lib = JSON.stringify(path.join(root, 'lib', 'vuser.js'));
 const dir = scriptDir({
   // Vuser 2 cannot start; the others report one good and one failed request.
@@ -28,25 +26,6 @@ const dir = scriptDir({
   'stamps.js': `keshConsole('started at ' + Date.now(), 'Info');`,
   'spins.js': `function spin() { keshConsole('spinning', 'Info'); for (;;) {} }`,
 });
-
-// Starts kesh-run; `exited` settles with { code, signal, stdout }, `waitFor(re)` when stdout matches.
-function start(args) {
-  const child = spawn(process.execPath, [runner, ...args], { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
-  let stdout = '';
-  let stderr = '';
-  child.stdout.on('data', (chunk) => { stdout += chunk; });
-  child.stderr.on('data', (chunk) => { stderr += chunk; });
-  const exited = new Promise((resolve) => child.on('close', (code, signal) => resolve({ code, signal, stdout, stderr })));
-  const waitFor = async (pattern, deadlineMs = 15000) => {
-    const deadline = Date.now() + deadlineMs;
-    while (!pattern.test(stdout)) {
-      if (Date.now() > deadline) throw new Error(`no ${pattern} in:\n${stdout}\n${stderr}`);
-      if (child.exitCode !== null || child.signalCode !== null) throw new Error(`exited before ${pattern}:\n${stdout}\n${stderr}`);
-      await new Promise((resolve) => setTimeout(resolve, 20));
-    }
-  };
-  return { child, exited, waitFor };
-}
 
 const run = (...args) => start(args).exited;
 const figure = (stdout, label) => new RegExp(`^  ${label} +(.*)$`, 'm').exec(stdout)?.[1];
