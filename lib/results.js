@@ -226,4 +226,4 @@ function summaryText(result, verdict, { title = 'summary' } = {}) {
   return lines.join('\n');
 }
 
-module.exports = { RunResult, statusLine, summaryText };
+module.exports = { RunResult, statusLine, summaryText, ms, rate };

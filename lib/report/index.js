@@ -8,6 +8,8 @@ const path = require('node:path');
 const {
   summarize, decodeHistogram, latencyFigures, readResult, mergeResults, parseThreshold,
 } = require('../resultFormat');
+// Shown as the printed summary shows them.
+const { ms, rate } = require('../results');
 
 const uplotDist = path.join(path.dirname(require.resolve('uplot/package.json')), 'dist');
 const readAsset = (file) => fs.readFileSync(file, 'utf8');
@@ -17,14 +19,6 @@ const escapeHtml = (value) => String(value).replace(/[&<>"']/g, (c) => `&#${c.ch
 const inlineScript = (text) => text.replace(/<\/(script)/gi, '<\\/$1');
 const jsonForScript = (value) => JSON.stringify(value).replace(/</g, '\\u003c');
 
-// Three significant digits, the way the printed summary shows latencies.
-function ms(value) {
-  if (value === null || value === undefined) return '–';
-  if (value >= 100) return value.toFixed(0);
-  if (value >= 10) return value.toFixed(1);
-  return value.toFixed(2);
-}
-const rate = (value) => (value >= 100 ? value.toFixed(0) : value.toFixed(1));
 const count = (value) => (typeof value === 'number' ? value.toLocaleString('en-US') : '–');
 const isoTime = (epochMs) => (typeof epochMs === 'number' ? new Date(epochMs).toISOString() : '–');
 
