@@ -44,7 +44,6 @@ function fail(message) {
 }
 
 async function main(argv) {
-
   let options;
   try {
     options = parseArgs({
