@@ -6,6 +6,7 @@ const fs = require('node:fs');
 const path = require('node:path');
 const http = require('node:http');
 const https = require('node:https');
+const { setTimeout: sleep } = require('node:timers/promises');
 
 const kLateToleranceMs = 250;
 const kReadyAnnotation = 'ostrale-kesh/ready-at';
@@ -14,11 +15,9 @@ const kJobLabel = 'batch.kubernetes.io/job-name';
 
 class BarrierError extends Error {}
 
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
-
-// Calls `poll` every `pollMs` until it returns the readyAt of every shard (an array), or the
-// deadline passes.
-async function pollUntilAll(poll, { deadline, pollMs, what }) {
+// Calls `poll` every `pollMs` until it returns the readyAt of every shard (an array), the
+// deadline passes, or `signal` aborts the wait.
+async function pollUntilAll(poll, { deadline, pollMs, what, signal }) {
   let lastError = null;
   for (;;) {
     try {
@@ -30,7 +29,7 @@ async function pollUntilAll(poll, { deadline, pollMs, what }) {
     if (Date.now() + pollMs > deadline) {
       throw new BarrierError(`barrier timeout: ${what()}${lastError ? ` (last error: ${lastError.message})` : ''}`);
     }
-    await sleep(pollMs);
+    await sleep(pollMs, undefined, { signal });
   }
 }
 
@@ -156,12 +155,12 @@ function createBarrier(spec, { runId, index, count, leadMs = 2000, timeoutMs, en
   else if (/^at:\d+$/.test(spec)) backend = { fixed: Number(spec.slice(3)) };
   else throw new Error(`--barrier must be file:DIR, k8s or at:EPOCH_MS, not ${JSON.stringify(spec)}`);
   return {
-    async arrive(readyAt) {
+    async arrive(readyAt, { signal } = {}) {
       let T = backend.fixed;
       if (T === undefined) {
         backend.announce(readyAt);
         const readyAts = await pollUntilAll(() => backend.poll(), {
-          deadline: readyAt + timeoutMs, pollMs: backend.pollMs, what: backend.waiting,
+          deadline: readyAt + timeoutMs, pollMs: backend.pollMs, what: backend.waiting, signal,
         });
         T = Math.max(...readyAts) + leadMs;
       }

@@ -47,7 +47,6 @@ function fail(message) {
 }
 
 async function main(argv) {
-
   let options;
   try {
     options = parseArgs({

@@ -72,6 +72,7 @@ class LoadRun {
     this.onBarrier = onBarrier;
     this.onRelease = onRelease;
     this.barrierError = null;
+    this.leaving = new AbortController(); // ends a wait at the barrier when the run is stopped
     this.ids = Array.from({ length: options.vusers }, (_, i) => options.firstId + i);
     this.vusers = new Map(); // id -> { startCalled, started, ended }
     this.timers = new Set();
@@ -107,7 +108,7 @@ class LoadRun {
 
     if (!options.barrier) this.measure(Date.now());
     this.unsettled = this.ids.length;
-    if (this.unsettled === 0) this.allSettled();
+    if (this.unsettled === 0) this.later(0, () => this.allSettled());
     this.ids.forEach((id, i) => {
       const delay = (options.rampSeconds * 1000 * i) / this.ids.length;
       if (delay === 0) this.startOne(id);
@@ -127,9 +128,9 @@ class LoadRun {
     this.onBarrier(readyAt);
     let T;
     try {
-      T = await options.barrier.arrive(readyAt);
+      T = await options.barrier.arrive(readyAt, { signal: this.leaving.signal });
     } catch (err) {
-      this.barrierError = err;
+      if (!this.stopPromise) this.barrierError = err;
       this.stop();
       return;
     }
@@ -226,6 +227,7 @@ class LoadRun {
   stop({ interrupted = false } = {}) {
     if (this.stopPromise) return this.stopPromise;
     this.interrupted = interrupted;
+    this.leaving.abort();
     this.onStopping();
     this.stopPromise = this.shutdown().then((result) => {
       this.finish(result);

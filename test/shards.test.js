@@ -27,6 +27,19 @@ const podEnv = (index, runId) => ({ ...process.env, JOB_COMPLETION_INDEX: String
 const shardArgs = (service, barrierDir, ...more) => ['--vusers', '9', '--seconds', '1', '--service', `127.0.0.1:${service.port}`,
   '--barrier', `file:${barrierDir}`, '--barrier-lead', '0.5', '--run', 'hit', '--every', '20', '--quiet', ...more, script];
 
+// Shard processes of the test under way: killed at its end if a fault kept them running.
+const started = new Set();
+function shard(args, index, runId) {
+  const child = startRunner(args, { env: podEnv(index, runId) });
+  started.add(child.child);
+  return child;
+}
+function killLeftovers() {
+  for (const child of started) if (child.exitCode === null && child.signalCode === null) child.kill('SIGKILL');
+  started.clear();
+}
+const kProcessTest = { timeout: 30000 };
+
 async function until(condition, what, deadlineMs = 5000) {
   const deadline = Date.now() + deadlineMs;
   while (!condition()) {
@@ -61,16 +74,16 @@ test('shard ids partition the run\'s ids; index and count come from options, the
   assert.throws(() => shardOf({}, { ...env, KESH_RUN_ID: undefined }), /need its id/);
 });
 
-test('three shards, one prepared 1.5 s late, start together and merge to what the service answered', async () => {
+test('three shards, one prepared 1.5 s late, start together and merge to what the service answered', kProcessTest, async () => {
   const service = await pelmare.start();
   const barrierDir = fs.mkdtempSync(path.join(dir, 'barrier-'));
   const files = [0, 1, 2].map((i) => path.join(barrierDir, `shard-${i}.json`));
   try {
     // Shard 1 sends its result as log lines, the way it leaves a pod.
-    const shards = [0, 1].map((i) => startRunner(shardArgs(service, barrierDir, '--json', i === 1 ? '-' : files[i]), { env: podEnv(i, 'e2e') }));
+    const shards = [0, 1].map((i) => shard(shardArgs(service, barrierDir, '--json', i === 1 ? '-' : files[i]), i, 'e2e'));
     await shards[0].waitFor(/waiting at the barrier/);
     await new Promise((resolve) => setTimeout(resolve, 1500)); // the late shard's slow preparation
-    shards.push(startRunner(shardArgs(service, barrierDir, '--json', files[2]), { env: podEnv(2, 'e2e') }));
+    shards.push(shard(shardArgs(service, barrierDir, '--json', files[2]), 2, 'e2e'));
     const exits = await Promise.all(shards.map((s) => s.exited));
     exits.forEach((r, i) => assert.strictEqual(r.code, 0, `shard ${i}: ${r.stdout}${r.stderr}`));
     assert.match(exits[2].stdout, /shard 2 of 3 \(run e2e, Vuser ids 7\.\.9\)/);
@@ -78,7 +91,7 @@ test('three shards, one prepared 1.5 s late, start together and merge to what th
     fs.writeFileSync(files[1], JSON.stringify(fromLog));
 
     const merge = spawnSync(process.execPath, [runner, 'merge', ...files, '--json', path.join(barrierDir, 'merged.json'),
-      '--threshold', 'errors<1%'], { encoding: 'utf8' });
+      '--threshold', 'errors<1%'], { encoding: 'utf8', timeout: 20000 });
     assert.strictEqual(merge.status, 0, merge.stdout + merge.stderr);
     const merged = JSON.parse(fs.readFileSync(path.join(barrierDir, 'merged.json'), 'utf8'));
     const answered = service.requests.filter((r) => r.op === 'echo').length;
@@ -89,18 +102,19 @@ test('three shards, one prepared 1.5 s late, start together and merge to what th
     assert.match(merge.stdout, new RegExp(`^  requests   ${answered}, `, 'm'));
     assert.match(merge.stdout, /^ {2}shards {5}3 of 3, released within \d+ ms$/m);
   } finally {
+    killLeftovers();
     await service.close();
   }
 });
 
-test('a shard that never arrives, or arrives after the start, ends with exit 3 and sends nothing', async () => {
+test('a shard that never arrives, or arrives after the start, ends with exit 3 and sends nothing', kProcessTest, async () => {
   const service = await pelmare.start();
   const barrierDir = fs.mkdtempSync(path.join(dir, 'barrier-'));
   try {
-    const waiting = [0, 1].map((i) => startRunner(shardArgs(service, barrierDir, '--barrier-timeout', '1',
-      '--json', path.join(barrierDir, `${i}.json`)), { env: podEnv(i, 'alone') }));
-    const late = startRunner(shardArgs(service, barrierDir, '--barrier', `at:${Date.now() - 5000}`,
-      '--json', path.join(barrierDir, 'late.json')), { env: podEnv(2, 'late') });
+    const waiting = [0, 1].map((i) => shard(shardArgs(service, barrierDir, '--barrier-timeout', '1',
+      '--json', path.join(barrierDir, `${i}.json`)), i, 'alone'));
+    const late = shard(shardArgs(service, barrierDir, '--barrier', `at:${Date.now() - 5000}`,
+      '--json', path.join(barrierDir, 'late.json')), 2, 'late');
     await Promise.all(waiting.map((s) => s.waitFor(/waiting at the barrier/)));
     const arrived = Date.now();
     const exits = await Promise.all(waiting.map((s) => s.exited));
@@ -118,6 +132,7 @@ test('a shard that never arrives, or arrives after the start, ends with exit 3 a
     // Every Vuser's connection closed with its process.
     await until(() => service.connections() === 0, 'every connection closed');
   } finally {
+    killLeftovers();
     await service.close();
   }
 });
@@ -189,14 +204,14 @@ test('k8s collect reads results from pod logs and finds a corrupted piece; the m
   });
   fs.chmodSync(path.join(fake, 'kubectl'), 0o755);
   const collect = spawnSync(process.execPath, [runner, 'k8s', 'collect', '--job', 'job', '--out', fake],
-    { encoding: 'utf8', env: { ...process.env, PATH: `${fake}${path.delimiter}${process.env.PATH}` } });
+    { encoding: 'utf8', timeout: 20000, env: { ...process.env, PATH: `${fake}${path.delimiter}${process.env.PATH}` } });
   assert.strictEqual(collect.status, 1, collect.stdout + collect.stderr);
   assert.match(collect.stderr, /pod job-1-b: piece 2\/\d+ of run job-run shard 1 is corrupted \(checksum\)/);
   const back = JSON.parse(fs.readFileSync(path.join(fake, 'job-run-shard-0.json'), 'utf8'));
   assert.deepStrictEqual(back, JSON.parse(JSON.stringify(result.toJSON())));
 
   const list = JSON.parse(execFileSync(process.execPath, [runner, 'k8s', 'manifest', '--shards', '4', '--name', 'load',
-    '--vusers', '400', '--seconds', '60', '--barrier-timeout', '100', script], { encoding: 'utf8' }));
+    '--vusers', '400', '--seconds', '60', '--barrier-timeout', '100', script], { encoding: 'utf8', timeout: 20000 }));
   const byKind = Object.fromEntries(list.items.map((item) => [item.kind, item]));
   const { spec } = byKind.Job;
   assert.deepStrictEqual([spec.completionMode, spec.completions, spec.parallelism, spec.backoffLimitPerIndex, spec.podReplacementPolicy],
@@ -215,7 +230,7 @@ test('k8s collect reads results from pod logs and finds a corrupted piece; the m
   assert.strictEqual(pod.serviceAccountName, byKind.ServiceAccount.metadata.name);
   assert.deepStrictEqual(byKind.Role.rules, [{ apiGroups: [''], resources: ['pods'], verbs: ['get', 'list', 'patch'] }]);
   assert.deepStrictEqual([byKind.RoleBinding.roleRef.name, byKind.RoleBinding.subjects[0].name], [byKind.Role.metadata.name, pod.serviceAccountName]);
-  const refused = spawnSync(process.execPath, [runner, 'k8s', 'manifest', '--shards', '2', '--shard-index', '0'], { encoding: 'utf8' });
+  const refused = spawnSync(process.execPath, [runner, 'k8s', 'manifest', '--shards', '2', '--shard-index', '0'], { encoding: 'utf8', timeout: 20000 });
   assert.strictEqual(refused.status, 2);
   assert.match(refused.stderr, /--shard-index is set by the manifest/);
 });
