@@ -239,7 +239,7 @@ struct RequireCall {
   v8::Local<v8::Value> compile(const FileRecord& record, RestoreGlobalsOnLeave* restore) {
     v8::Local<v8::String> resourceName = ToV8String(isolate, record.fullPath.get());
     v8::ScriptCompiler::Source* cached =
-        ScriptCacheManager::instance().getOrCompile(isolate, record);
+        ScriptCacheManager::instance().getOrCompile(isolate, record, record.fullPath.get());
     if (cached == nullptr && tryCatch.HasCaught()) {
       restore->dismiss();
       return {};
