@@ -213,7 +213,8 @@ bool KeshThread::compileAndRun() {
   v8::Local<v8::Context> context = isolate->GetCurrentContext();
   v8::TryCatch tryCatch(isolate);
   FileRecord* file = vuser.thread_script_file;
-  v8::ScriptCompiler::Source* cached = ScriptCacheManager::instance().find(file->fullPath.get(), file->fileName);
+  v8::ScriptCompiler::Source* cached =
+      ScriptCacheManager::instance().find(file->fullPath.get(), file->fileName);
   v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
   v8::ScriptCompiler::Source source(
       SourceText(isolate, *file), scriptOrigin(isolate, ToV8String(isolate, file->fileName)), view);
