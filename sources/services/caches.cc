@@ -125,13 +125,23 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
   return compiled;
 }
 
-v8::ScriptCompiler::CachedData* ScriptCacheManager::viewOf(
+v8::MaybeLocal<v8::UnboundScript> ScriptCacheManager::compile(
+    v8::Isolate* isolate, v8::Local<v8::String> text, v8::Local<v8::String> resourceName,
     const v8::ScriptCompiler::Source* cached) {
   const v8::ScriptCompiler::CachedData* shared =
       cached != nullptr ? cached->GetCachedData() : nullptr;
-  if (shared == nullptr) return nullptr;
-  return new v8::ScriptCompiler::CachedData(shared->data, shared->length,
-                                            v8::ScriptCompiler::CachedData::BufferNotOwned);
+  // Deleted by the Source; the bytes stay with the entry.
+  auto* view = shared == nullptr ? nullptr
+                                 : new v8::ScriptCompiler::CachedData(
+                                       shared->data, shared->length,
+                                       v8::ScriptCompiler::CachedData::BufferNotOwned);
+  v8::ScriptCompiler::Source source(text, scriptOrigin(isolate, resourceName), view);
+  v8::MaybeLocal<v8::UnboundScript> unbound = v8::ScriptCompiler::CompileUnboundScript(
+      isolate, &source,
+      view != nullptr ? v8::ScriptCompiler::kConsumeCodeCache
+                      : v8::ScriptCompiler::kNoCompileOptions);
+  if (view != nullptr) hostWrote(view, sizeof(*view));
+  return unbound;
 }
 
 }  // namespace kesh

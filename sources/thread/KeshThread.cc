@@ -215,16 +215,11 @@ bool KeshThread::compileAndRun() {
   FileRecord* file = vuser.thread_script_file;
   v8::ScriptCompiler::Source* cached =
       ScriptCacheManager::instance().find(file->fullPath.get(), file->fileName);
-  v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
-  v8::ScriptCompiler::Source source(
-      SourceText(isolate, *file), scriptOrigin(isolate, ToV8String(isolate, file->fileName)), view);
   v8::Local<v8::UnboundScript> unbound;
   v8::Local<v8::Value> result;
   std::string failure;
-  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
-                                                view != nullptr
-                                                    ? v8::ScriptCompiler::kConsumeCodeCache
-                                                    : v8::ScriptCompiler::kNoCompileOptions)
+  if (!ScriptCacheManager::compile(isolate, SourceText(isolate, *file),
+                                   ToV8String(isolate, file->fileName), cached)
            .ToLocal(&unbound)) {
     failure = "Error compiling the script " + ExceptionToString(isolate, tryCatch);
     KeshLogger::log(LogLevel::kError, kComponent, vuser_id_, failure);
