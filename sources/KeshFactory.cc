@@ -156,6 +156,7 @@ void settleStarts() {
   // Lets the promises' reactions run once the starts are settled.
   node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
   for (const auto& [id, started] : ready) {
+    KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, id, "start hook called to finish");
     auto found = threadRegistry.find(id);
     if (found != threadRegistry.end()) settleStart(isolate, found->second.get(), started);
   }

@@ -111,7 +111,7 @@ test('--service loads a running service; --log-level hides and --log-file keeps'
 
 test('the exit code fails a run whose Vusers fail or whose errors pass --max-errors', async () => {
   const [mixed, tolerated, kinds, ends, missing, usage] = await Promise.all([
-    run('--vusers', '3', '--seconds', '0', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')),
+    run('--vusers', '3', '--seconds', '0', '--log-level', 'trace', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')),
     run('--vusers', '1', '--seconds', '0', '--max-errors', '50', tmpFile('mixed.js')),
     run('--vusers', '1', '--seconds', '0.4', tmpFile('kinds.js')),
     run('--vusers', '2', '--seconds', '0.3', tmpFile('ends.js')),
