@@ -5,7 +5,9 @@
 // the add-on's log callback can be set only once.
 const dns = require('node:dns');
 const net = require('node:net');
+const os = require('node:os');
 const path = require('node:path');
+const { monitorEventLoopDelay } = require('node:perf_hooks');
 const { RunResult } = require('./results');
 const requestReport = require('./requestReport');
 
@@ -55,15 +57,22 @@ const kLevelEchoPattern = /^KeshLogger - \(\d+\) called to set Log level with th
 const nextTurn = () => new Promise((resolve) => setImmediate(resolve));
 
 class LoadRun {
-  // options: script, vusers, firstId, args (an object), seconds, rampSeconds, service (null for
-  // the embedded stand-in, or { host, port }), addonLogLevel, serviceLog (pass the stand-in's
-  // own lines on), run, param, everyMs.
+  // options: script, vusers, firstId (this process's ids), args (an object), seconds,
+  // rampSeconds, service (null for the embedded stand-in, or { host, port }), addonLogLevel,
+  // serviceLog (pass the stand-in's own lines on), run, param, everyMs; for a result: runId,
+  // shard { index, count }, scriptSha256. With `barrier` (lib/barrier.js) the measured window
+  // starts at the barrier's T, once every shard has started its Vusers, and ends at an absolute
+  // time; without it, at the first Vuser's start, and `seconds` after the last one's.
   // onLine(levelName, text): every log line that is no request report. onStopping(): the stop
-  // begins.
-  constructor(options, { onLine, onStopping = () => {} }) {
+  // begins. onBarrier(readyAt) and onRelease(T): the shard arrives at the barrier and passes it.
+  constructor(options, { onLine, onStopping = () => {}, onBarrier = () => {}, onRelease = () => {} }) {
     this.options = options;
     this.onLine = onLine;
     this.onStopping = onStopping;
+    this.onBarrier = onBarrier;
+    this.onRelease = onRelease;
+    this.barrierError = null;
+    this.leaving = new AbortController(); // ends a wait at the barrier when the run is stopped
     this.ids = Array.from({ length: options.vusers }, (_, i) => options.firstId + i);
     this.vusers = new Map(); // id -> { startCalled, started, ended }
     this.timers = new Set();
@@ -97,14 +106,50 @@ class LoadRun {
       throw err;
     }
 
-    this.result.begin();
-    this.cpuAtStart = process.cpuUsage();
+    if (!options.barrier) this.measure(Date.now());
     this.unsettled = this.ids.length;
+    if (this.unsettled === 0) this.later(0, () => this.allSettled());
     this.ids.forEach((id, i) => {
       const delay = (options.rampSeconds * 1000 * i) / this.ids.length;
       if (delay === 0) this.startOne(id);
       else this.later(delay, () => this.startOne(id));
     });
+  }
+
+  // Every Vuser has started or failed to: a single run measures on for `seconds`; a shard waits
+  // at the barrier, then measures from T to T + seconds.
+  async allSettled() {
+    const { options } = this;
+    if (!options.barrier) {
+      this.later(options.seconds * 1000, () => this.stop());
+      return;
+    }
+    const readyAt = Date.now();
+    this.onBarrier(readyAt);
+    let T;
+    try {
+      T = await options.barrier.arrive(readyAt, { signal: this.leaving.signal });
+    } catch (err) {
+      if (!this.stopPromise) this.barrierError = err;
+      this.stop();
+      return;
+    }
+    if (this.stopPromise) return;
+    this.later(T - Date.now(), () => {
+      this.measure(T);
+      this.onRelease(T);
+      this.later(T + options.seconds * 1000 - Date.now(), () => this.stop());
+    });
+  }
+
+  measure(T) {
+    const { options, kesh } = this;
+    this.result.release(T, Date.now());
+    this.cpuAtStart = process.cpuUsage();
+    this.loopDelay = monitorEventLoopDelay({ resolution: 10 });
+    this.loopDelay.enable();
+    const ticker = setInterval(() => this.result.tick(), 500);
+    this.timers.add(ticker);
     if (options.run !== undefined) {
       const every = setInterval(() => {
         for (const [id, vuser] of this.vusers) if (vuser.startCalled) kesh.runFunctionFromScript(id, options.run, options.param);
@@ -124,7 +169,10 @@ class LoadRun {
       await probe(service);
       service = { ...service, embedded: false };
     }
-    this.result = new RunResult({ script: options.script, service, vusers: this.ids.length, rampSeconds: options.rampSeconds });
+    this.result = new RunResult({
+      runId: options.runId, shard: options.shard, vuserIds: { first: options.firstId, count: this.ids.length },
+      script: options.script, scriptSha256: options.scriptSha256, service, rampSeconds: options.rampSeconds,
+    });
   }
 
   later(ms, fn) {
@@ -142,7 +190,7 @@ class LoadRun {
     const settled = () => {
       this.unsettled -= 1;
       // The run time counts from the moment every Vuser is up.
-      if (this.unsettled === 0 && !this.stopPromise) this.later(this.options.seconds * 1000, () => this.stop());
+      if (this.unsettled === 0 && !this.stopPromise) this.allSettled();
     };
     this.kesh.startKeshThread(id).then(() => {
       vuser.started = true;
@@ -179,12 +227,26 @@ class LoadRun {
   stop({ interrupted = false } = {}) {
     if (this.stopPromise) return this.stopPromise;
     this.interrupted = interrupted;
+    this.leaving.abort();
     this.onStopping();
     this.stopPromise = this.shutdown().then((result) => {
       this.finish(result);
       return result;
     });
     return this.stopPromise;
+  }
+
+  // The runner's own load over the window. A loop that lagged, or CPU time near all the cores,
+  // means latencies were measured by a runner that could not keep up.
+  noteLoad(result) {
+    const cpu = process.cpuUsage(this.cpuAtStart);
+    result.cpu = { userMs: cpu.user / 1000, systemMs: cpu.system / 1000 };
+    this.loopDelay.disable();
+    const delay = { p99: this.loopDelay.percentile(99) / 1e6, max: this.loopDelay.max / 1e6 };
+    result.loopDelayMs = delay;
+    const windowMs = Math.max(1, (result.window.end ?? Date.now()) - result.window.T);
+    const cpuShare = (result.cpu.userMs + result.cpu.systemMs) / (windowMs * os.availableParallelism());
+    result.saturated = delay.p99 > 100 || cpuShare > 0.9;
   }
 
   async shutdown() {
@@ -208,10 +270,7 @@ class LoadRun {
           this.onLine('Error', `kesh-run - stopping Vuser ${id}: ${err.message}`);
         }
       }
-      if (this.cpuAtStart) {
-        const cpu = process.cpuUsage(this.cpuAtStart);
-        result.cpu = { userMs: cpu.user / 1000, systemMs: cpu.system / 1000 };
-      }
+      if (this.cpuAtStart) this.noteLoad(result);
       // Lines logged while stopping reach the callback on the next turn. The add-on's own lines
       // after its close go straight to standard output, unfiltered: none below info then.
       await nextTurn();

@@ -1,7 +1,7 @@
 'use strict';
 // Each scenario runs in a node process of its own: the logger's state is process-wide and
 // one-way, and an exit must be observed from outside.
-const { spawnSync } = require('node:child_process');
+const { spawn, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
@@ -55,3 +55,24 @@ function driveVuser(script, calls, { gap = 30, args = {}, pelmare = false, level
 }
 
 module.exports.driveVuser = driveVuser;
+
+// Starts kesh-run; `exited` settles with { code, signal, stdout, stderr }, `waitFor(re)` when stdout matches.
+function startRunner(args, { env = process.env } = {}) {
+  const child = spawn(process.execPath, [path.join(modulePath, 'bin', 'kesh-run.js'), ...args], { cwd: modulePath, env, stdio: ['ignore', 'pipe', 'pipe'] });
+  let stdout = '';
+  let stderr = '';
+  child.stdout.on('data', (chunk) => { stdout += chunk; });
+  child.stderr.on('data', (chunk) => { stderr += chunk; });
+  const exited = new Promise((resolve) => child.on('close', (code, signal) => resolve({ code, signal, stdout, stderr })));
+  const waitFor = async (pattern, deadlineMs = 15000) => {
+    const deadline = Date.now() + deadlineMs;
+    while (!pattern.test(stdout)) {
+      if (Date.now() > deadline) throw new Error(`no ${pattern} in:\n${stdout}\n${stderr}`);
+      if (child.exitCode !== null || child.signalCode !== null) throw new Error(`exited before ${pattern}:\n${stdout}\n${stderr}`);
+      await new Promise((resolve) => setTimeout(resolve, 20));
+    }
+  };
+  return { child, exited, waitFor };
+}
+
+module.exports.startRunner = startRunner;

@@ -2,14 +2,13 @@
 // kesh-run as a person runs it: a child process, its printed summary, its JSON and exit code.
 const test = require('node:test');
 const assert = require('node:assert');
-const { spawn } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
-const { scriptDir } = require('./helpers');
+const { scriptDir, startRunner: start } = require('./helpers');
 const pelmare = require('../tools/pelmare');
+const { decodeHistogram, kFormat } = require('../lib/resultFormat');
 
 const root = path.join(__dirname, '..');
-const runner = path.join(root, 'bin', 'kesh-run.js');
 const lib = JSON.stringify(path.join(root, 'lib', 'vuser.js'));
 const dir = scriptDir({
   // Vuser 2 cannot start; the others report one good and one failed request.
@@ -27,25 +26,6 @@ const dir = scriptDir({
   'stamps.js': `keshConsole('started at ' + Date.now(), 'Info');`,
   'spins.js': `function spin() { keshConsole('spinning', 'Info'); for (;;) {} }`,
 });
-
-// Starts kesh-run; `exited` settles with { code, signal, stdout }, `waitFor(re)` when stdout matches.
-function start(args) {
-  const child = spawn(process.execPath, [runner, ...args], { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
-  let stdout = '';
-  let stderr = '';
-  child.stdout.on('data', (chunk) => { stdout += chunk; });
-  child.stderr.on('data', (chunk) => { stderr += chunk; });
-  const exited = new Promise((resolve) => child.on('close', (code, signal) => resolve({ code, signal, stdout, stderr })));
-  const waitFor = async (pattern, deadlineMs = 15000) => {
-    const deadline = Date.now() + deadlineMs;
-    while (!pattern.test(stdout)) {
-      if (Date.now() > deadline) throw new Error(`no ${pattern} in:\n${stdout}\n${stderr}`);
-      if (child.exitCode !== null || child.signalCode !== null) throw new Error(`exited before ${pattern}:\n${stdout}\n${stderr}`);
-      await new Promise((resolve) => setTimeout(resolve, 20));
-    }
-  };
-  return { child, exited, waitFor };
-}
 
 const run = (...args) => start(args).exited;
 const figure = (stdout, label) => new RegExp(`^  ${label} +(.*)$`, 'm').exec(stdout)?.[1];
@@ -67,22 +47,21 @@ test('npm start: the default load passes, and its JSON agrees with the printed s
   assert.doesNotMatch(r.stdout, /^\[(Debug|trace)\] /m);
 
   const result = JSON.parse(fs.readFileSync(json, 'utf8'));
-  assert.strictEqual(result.version, 1);
+  assert.strictEqual(result.format, kFormat);
   assert.strictEqual(result.passed, true);
-  assert.strictEqual(result.requests, requests);
-  assert.strictEqual(result.errors.total, 0);
+  assert.deepStrictEqual(result.counts, { requests, errors: 0 });
   assert.deepStrictEqual(result.vusers, { planned: 10, started: 10, failedToStart: 0, endedEarly: 0, failed: 0 });
   assert.deepStrictEqual(Object.keys(result.kinds), ['browse', 'feed', 'search', 'signIn']);
   const kindSum = Object.values(result.kinds).reduce((sum, k) => sum + k.requests, 0);
   assert.strictEqual(kindSum, requests);
-  const histogramCount = result.histograms.all.buckets.reduce((sum, [, n]) => sum + n, 0);
-  assert.strictEqual(histogramCount, requests);
+  assert.strictEqual(decodeHistogram(result.latency.hdr).totalCount, requests);
+  assert.strictEqual(result.series.reduce((sum, s) => sum + s.requests, 0), requests);
   const shown = (v) => (v >= 100 ? v.toFixed(0) : v >= 10 ? v.toFixed(1) : v.toFixed(2));
-  const { p50, p90, p99, max } = result.latencyMs;
+  const { p50, p90, p99, max } = result.summary.latencyMs;
   assert.strictEqual(figure(r.stdout, 'latency'), `p50 ${shown(p50)} ms, p90 ${shown(p90)} ms, p99 ${shown(p99)} ms, max ${shown(max)} ms`);
   assert.ok(p50 <= p90 && p90 <= p99 && p99 <= max);
   assert.match(figure(r.stdout, 'requests'), new RegExp(`/s$`));
-  assert.ok(result.cpu.perRequestMs > 0);
+  assert.ok(result.cpu.userMs + result.cpu.systemMs > 0);
 });
 
 test('--service loads a running service; --log-level hides and --log-file keeps', async () => {
@@ -125,7 +104,7 @@ test('the exit code fails a run whose Vusers fail or whose errors pass --max-err
   assert.strictEqual(figure(mixed.stdout, 'result'),
     'failed: 1 of 3 Vusers failed to start; error rate 50.00% above --max-errors 0%');
   const json = JSON.parse(fs.readFileSync(tmpFile('mixed.json'), 'utf8'));
-  assert.deepStrictEqual([json.requests, json.errors.byKind, json.kinds.bad.errors, json.passed], [4, { check: 2 }, 2, false]);
+  assert.deepStrictEqual([json.counts.requests, json.errorsByKind, json.kinds.bad.errors, json.passed], [4, { check: 2 }, 2, false]);
 
   assert.strictEqual(tolerated.code, 0, tolerated.stdout);
   assert.strictEqual(kinds.code, 1, kinds.stdout);

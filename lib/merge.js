@@ -1,0 +1,62 @@
+'use strict';
+// kesh-run merge: the shard results of one run added up into one result, its summary printed,
+// thresholds checked on the merged figures. Exit 0 when the merged run passed, 1 when it or a
+// threshold failed, 2 on a bad option, 4 when the files are not the shards of one run, each
+// once (also with --allow-partial, which merges what is there).
+const fs = require('node:fs');
+const { parseArgs } = require('node:util');
+const { readResult, mergeResults, checkThresholds, parseThreshold, MergeError } = require('./resultFormat');
+const { summaryText } = require('./results');
+
+const usage = `usage: kesh-run merge FILE... [--json OUT] [--allow-partial] [--threshold EXPR]...
+  --json OUT        write the merged result (kesh-result/1) to OUT
+  --allow-partial   merge the shards that are there, listing the missing ones (still exit 4)
+  --threshold EXPR  a bound on the merged figures, e.g. p99<250ms, errors<1%, rps>=100 (repeatable)`;
+
+function main(argv) {
+  let values;
+  let files;
+  try {
+    ({ values, positionals: files } = parseArgs({
+      args: argv,
+      allowPositionals: true,
+      options: {
+        json: { type: 'string' },
+        'allow-partial': { type: 'boolean', default: false },
+        threshold: { type: 'string', multiple: true, default: [] },
+        help: { type: 'boolean', short: 'h' },
+      },
+    }));
+    if (values.help) {
+      console.log(usage);
+      return;
+    }
+    if (files.length === 0) throw new Error('no result files');
+    values.threshold.forEach(parseThreshold);
+  } catch (err) {
+    console.error(`kesh-run merge: ${err.message}\n${usage}`);
+    process.exitCode = 2;
+    return;
+  }
+
+  let merged;
+  try {
+    const results = files.map((file) => readResult(fs.readFileSync(file, 'utf8'), file));
+    merged = mergeResults(results, { allowPartial: values['allow-partial'], names: files });
+  } catch (err) {
+    const problems = err instanceof MergeError ? err.problems : [err.message];
+    for (const problem of problems) console.error(`kesh-run merge: ${problem}`);
+    process.exitCode = 4;
+    return;
+  }
+  merged.thresholds = checkThresholds(merged, values.threshold);
+  const failedThresholds = merged.thresholds.filter((t) => !t.passed).map((t) => `threshold ${t.expr} not met`);
+  merged.problems.push(...failedThresholds);
+  merged.passed = merged.passed && failedThresholds.length === 0;
+  const verdict = merged.passed ? 'passed' : `failed: ${merged.problems.join('; ')}`;
+  console.log(summaryText(merged, verdict, { title: `merge of ${files.length} shard results, run ${merged.runId}` }));
+  if (values.json !== undefined) fs.writeFileSync(values.json, `${JSON.stringify(merged)}\n`);
+  process.exitCode = merged.missingShards.length > 0 ? 4 : merged.passed ? 0 : 1;
+}
+
+module.exports = { main };

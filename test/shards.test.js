@@ -1,0 +1,236 @@
+'use strict';
+// Shards of one run on one machine: local processes with the environment an Indexed Job's pods
+// get, a shared file barrier, one stand-in service; a fake Kubernetes API and a fake kubectl.
+const test = require('node:test');
+const assert = require('node:assert');
+const fs = require('node:fs');
+const http = require('node:http');
+const path = require('node:path');
+const { execFileSync, spawnSync } = require('node:child_process');
+const { scriptDir, startRunner, modulePath } = require('./helpers');
+const pelmare = require('../tools/pelmare');
+const { shardIds, shardOf } = require('../lib/shard');
+const { createBarrier, kReadyAnnotation, kIndexAnnotation } = require('../lib/barrier');
+const { RunResult } = require('../lib/results');
+const resultLines = require('../lib/resultLines');
+
+const runner = path.join(modulePath, 'bin', 'kesh-run.js');
+const dir = scriptDir({
+  // Load only from the run function, which the runner calls inside the window: what the
+  // service answers is then exactly what the shards measure.
+  'hit.js': `const kesh = keshRequire(${JSON.stringify(path.join(modulePath, 'lib', 'vuser.js'))}, __dirname);
+    kesh.connect(args.service.port, args.service.host);
+    function hit() { kesh.measure('hit', () => kesh.sendSync({ op: 'echo', data: vuser_id })); }`,
+});
+const script = path.join(dir, 'hit.js');
+const podEnv = (index, runId) => ({ ...process.env, JOB_COMPLETION_INDEX: String(index), KESH_SHARD_COUNT: '3', KESH_RUN_ID: runId });
+const shardArgs = (service, barrierDir, ...more) => ['--vusers', '9', '--seconds', '1', '--service', `127.0.0.1:${service.port}`,
+  '--barrier', `file:${barrierDir}`, '--barrier-lead', '0.5', '--run', 'hit', '--every', '20', '--quiet', ...more, script];
+
+// Shard processes of the test under way: killed at its end if a fault kept them running.
+const started = new Set();
+function shard(args, index, runId) {
+  const child = startRunner(args, { env: podEnv(index, runId) });
+  started.add(child.child);
+  return child;
+}
+function killLeftovers() {
+  for (const child of started) if (child.exitCode === null && child.signalCode === null) child.kill('SIGKILL');
+  started.clear();
+}
+const kProcessTest = { timeout: 30000 };
+
+async function until(condition, what, deadlineMs = 5000) {
+  const deadline = Date.now() + deadlineMs;
+  while (!condition()) {
+    if (Date.now() > deadline) throw new Error(`still not ${what}`);
+    await new Promise((resolve) => setTimeout(resolve, 20));
+  }
+}
+
+test('shard ids partition the run\'s ids; index and count come from options, then the environment', () => {
+  for (const count of [1, 2, 7]) {
+    for (const vusers of [0, 1, count - 1, count, 7919, 100000]) {
+      const first = 0xffffffff - vusers; // the highest ids a run can have
+      let next = first;
+      const sizes = [];
+      for (let index = 0; index < count; index++) {
+        const ids = shardIds(first, vusers, index, count);
+        assert.strictEqual(ids.first, next, `V=${vusers} N=${count} i=${index}`);
+        next += ids.count;
+        sizes.push(ids.count);
+      }
+      assert.strictEqual(next, first + vusers, `V=${vusers} N=${count}`);
+      assert.ok(Math.max(...sizes) - Math.min(...sizes) <= 1, `V=${vusers} N=${count}: ${sizes}`);
+    }
+  }
+  const env = { KESH_SHARD_INDEX: '1', JOB_COMPLETION_INDEX: '2', KESH_SHARD_COUNT: '3', KESH_RUN_ID: 'r' };
+  assert.deepStrictEqual(shardOf({}, env), { index: 1, count: 3, runId: 'r' });
+  assert.deepStrictEqual(shardOf({ index: '0' }, env), { index: 0, count: 3, runId: 'r' });
+  assert.deepStrictEqual(shardOf({}, { ...env, KESH_SHARD_INDEX: undefined }).index, 2);
+  assert.strictEqual(shardOf({}, {}), null);
+  assert.throws(() => shardOf({}, { ...env, KESH_SHARD_INDEX: '3' }), /must be 0\.\.2/);
+  assert.throws(() => shardOf({}, { JOB_COMPLETION_INDEX: '0' }), /needs --shard-count/);
+  assert.throws(() => shardOf({}, { ...env, KESH_RUN_ID: undefined }), /need its id/);
+});
+
+test('three shards, one prepared 1.5 s late, start together and merge to what the service answered', kProcessTest, async () => {
+  const service = await pelmare.start();
+  const barrierDir = fs.mkdtempSync(path.join(dir, 'barrier-'));
+  const files = [0, 1, 2].map((i) => path.join(barrierDir, `shard-${i}.json`));
+  try {
+    // Shard 1 sends its result as log lines, the way it leaves a pod.
+    const shards = [0, 1].map((i) => shard(shardArgs(service, barrierDir, '--json', i === 1 ? '-' : files[i]), i, 'e2e'));
+    await shards[0].waitFor(/waiting at the barrier/);
+    await new Promise((resolve) => setTimeout(resolve, 1500)); // the late shard's slow preparation
+    shards.push(shard(shardArgs(service, barrierDir, '--json', files[2]), 2, 'e2e'));
+    const exits = await Promise.all(shards.map((s) => s.exited));
+    exits.forEach((r, i) => assert.strictEqual(r.code, 0, `shard ${i}: ${r.stdout}${r.stderr}`));
+    assert.match(exits[2].stdout, /shard 2 of 3 \(run e2e, Vuser ids 7\.\.9\)/);
+    const [fromLog] = resultLines.decode(exits[1].stdout);
+    fs.writeFileSync(files[1], JSON.stringify(fromLog));
+
+    const merge = spawnSync(process.execPath, [runner, 'merge', ...files, '--json', path.join(barrierDir, 'merged.json'),
+      '--threshold', 'errors<1%'], { encoding: 'utf8', timeout: 20000 });
+    assert.strictEqual(merge.status, 0, merge.stdout + merge.stderr);
+    const merged = JSON.parse(fs.readFileSync(path.join(barrierDir, 'merged.json'), 'utf8'));
+    const answered = service.requests.filter((r) => r.op === 'echo').length;
+    assert.ok(answered > 0);
+    assert.strictEqual(merged.counts.requests, answered);
+    assert.strictEqual(merged.vusers.started, 9);
+    assert.ok(merged.releaseSkewMs < 100, `release skew ${merged.releaseSkewMs} ms`);
+    assert.match(merge.stdout, new RegExp(`^  requests   ${answered}, `, 'm'));
+    assert.match(merge.stdout, /^ {2}shards {5}3 of 3, released within \d+ ms$/m);
+  } finally {
+    killLeftovers();
+    await service.close();
+  }
+});
+
+test('a shard that never arrives, or arrives after the start, ends with exit 3 and sends nothing', kProcessTest, async () => {
+  const service = await pelmare.start();
+  const barrierDir = fs.mkdtempSync(path.join(dir, 'barrier-'));
+  try {
+    const waiting = [0, 1].map((i) => shard(shardArgs(service, barrierDir, '--barrier-timeout', '1',
+      '--json', path.join(barrierDir, `${i}.json`)), i, 'alone'));
+    const late = shard(shardArgs(service, barrierDir, '--barrier', `at:${Date.now() - 5000}`,
+      '--json', path.join(barrierDir, 'late.json')), 2, 'late');
+    await Promise.all(waiting.map((s) => s.waitFor(/waiting at the barrier/)));
+    const arrived = Date.now();
+    const exits = await Promise.all(waiting.map((s) => s.exited));
+    const waited = Date.now() - arrived;
+    for (const r of exits) {
+      assert.strictEqual(r.code, 3, r.stdout + r.stderr);
+      assert.match(r.stdout, /barrier timeout: shard 2 of 3 never arrived/);
+    }
+    assert.ok(waited < 2000, `exited ${waited} ms after arriving`);
+    const lateExit = await late.exited;
+    assert.strictEqual(lateExit.code, 3, lateExit.stdout + lateExit.stderr);
+    assert.match(lateExit.stdout, /too late for the start: \d+ ms after it/);
+    assert.deepStrictEqual(fs.readdirSync(barrierDir).filter((f) => f.endsWith('.json')), []);
+    assert.strictEqual(service.requests.length, 0);
+    // Every Vuser's connection closed with its process.
+    await until(() => service.connections() === 0, 'every connection closed');
+  } finally {
+    killLeftovers();
+    await service.close();
+  }
+});
+
+test('k8s barrier: patches its own pod, waits for every index, ignores failed pods', async () => {
+  const secrets = scriptDir({ token: 'secret-token\n', namespace: 'load\n' });
+  let lists = 0;
+  const seen = [];
+  const pod = (name, index, phase, readyAt) => ({
+    metadata: { name, annotations: { [kIndexAnnotation]: String(index), ...(readyAt ? { [kReadyAnnotation]: String(readyAt) } : {}) } },
+    status: { phase },
+  });
+  const own = pod('job-0-abc', 0, 'Running');
+  const peerReadyAt = Date.now() - 100;
+  const server = http.createServer((req, res) => {
+    let body = '';
+    req.on('data', (chunk) => { body += chunk; });
+    req.on('end', () => {
+      seen.push(`${req.method} ${req.url} ${req.headers.authorization} ${req.headers['content-type'] || ''}`);
+      if (req.method === 'PATCH') Object.assign(own.metadata.annotations, JSON.parse(body).metadata.annotations);
+      else lists += 1;
+      // The peer's annotation appears on the second list; a failed pod of its index would put
+      // the start an hour away.
+      const items = [own, pod('job-1-old', 1, 'Failed', Date.now() + 3600e3), pod('job-1-def', 1, 'Running', lists >= 2 ? peerReadyAt : null)];
+      res.setHeader('Content-Type', 'application/json');
+      res.end(JSON.stringify(req.method === 'PATCH' ? own : { items }));
+    });
+  });
+  await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+  try {
+    const env = { KESH_K8S_API: `http://127.0.0.1:${server.address().port}`, KESH_K8S_SECRETS: secrets,
+      KESH_K8S_POLL_MS: '50', POD_NAME: 'job-0-abc', KESH_JOB_NAME: 'job' };
+    const barrier = createBarrier('k8s', { runId: 'r', index: 0, count: 2, leadMs: 1000, timeoutMs: 5000, env });
+    const readyAt = Date.now();
+    const T = await barrier.arrive(readyAt);
+    assert.strictEqual(T, Math.max(readyAt, peerReadyAt) + 1000);
+    assert.strictEqual(lists, 2);
+    assert.strictEqual(own.metadata.annotations[kReadyAnnotation], String(readyAt));
+    assert.deepStrictEqual(seen.slice(0, 2), [
+      'PATCH /api/v1/namespaces/load/pods/job-0-abc Bearer secret-token application/merge-patch+json',
+      `GET /api/v1/namespaces/load/pods?labelSelector=${encodeURIComponent('batch.kubernetes.io/job-name=job')} Bearer secret-token `,
+    ]);
+  } finally {
+    server.close();
+  }
+});
+
+test('k8s collect reads results from pod logs and finds a corrupted piece; the manifest holds its invariants', () => {
+  // A result of many kinds takes several lines.
+  const result = new RunResult({ runId: 'job-run', shard: { index: 0, count: 2 }, vuserIds: { first: 1, count: 1 }, script: 's.js', service: null });
+  result.release(Date.now());
+  for (let i = 0; i < 3000; i++) result.record(`kind${i % 90}`, (i * 7919) % 5000 / 7, null);
+  result.end();
+  const lines = resultLines.encode(result.toJSON());
+  assert.ok(lines.length > 1 && lines.every((line) => Buffer.byteLength(line) < 4096), lines.map((l) => l.length).join());
+  const other = resultLines.encode({ ...result.toJSON(), shard: { index: 1, count: 2 } });
+  const corrupted = other.map((line, i) => (i === 1 ? line.replace(/A(?=[^A]*$)/, 'B') : line));
+
+  const fake = scriptDir({
+    'pods.json': JSON.stringify({ items: [{ metadata: { name: 'job-0-a' } }, { metadata: { name: 'job-1-b' } }] }),
+    'job-0-a.log': `kesh-run: summary\n${lines.map((l) => `2026-01-01T00:00:00Z ${l}`).join('\n')}\n`,
+    'job-1-b.log': `${corrupted.join('\n')}\n`,
+    kubectl: `#!${process.execPath}
+      const [command, ...rest] = process.argv.slice(2);
+      const read = (name) => process.stdout.write(require('fs').readFileSync(require('path').join(__dirname, name)));
+      if (command === 'get' && rest.includes('batch.kubernetes.io/job-name=job')) read('pods.json');
+      else if (command === 'logs') read(rest.at(-1) + '.log');
+      else process.exit(1);`,
+  });
+  fs.chmodSync(path.join(fake, 'kubectl'), 0o755);
+  const collect = spawnSync(process.execPath, [runner, 'k8s', 'collect', '--job', 'job', '--out', fake],
+    { encoding: 'utf8', timeout: 20000, env: { ...process.env, PATH: `${fake}${path.delimiter}${process.env.PATH}` } });
+  assert.strictEqual(collect.status, 1, collect.stdout + collect.stderr);
+  assert.match(collect.stderr, /pod job-1-b: piece 2\/\d+ of run job-run shard 1 is corrupted \(checksum\)/);
+  const back = JSON.parse(fs.readFileSync(path.join(fake, 'job-run-shard-0.json'), 'utf8'));
+  assert.deepStrictEqual(back, JSON.parse(JSON.stringify(result.toJSON())));
+
+  const list = JSON.parse(execFileSync(process.execPath, [runner, 'k8s', 'manifest', '--shards', '4', '--name', 'load',
+    '--vusers', '400', '--seconds', '60', '--barrier-timeout', '100', script], { encoding: 'utf8', timeout: 20000 }));
+  const byKind = Object.fromEntries(list.items.map((item) => [item.kind, item]));
+  const { spec } = byKind.Job;
+  assert.deepStrictEqual([spec.completionMode, spec.completions, spec.parallelism, spec.backoffLimitPerIndex, spec.podReplacementPolicy],
+    ['Indexed', 4, 4, 0, 'Failed']);
+  assert.ok(!('maxFailedIndexes' in spec));
+  assert.ok(spec.activeDeadlineSeconds >= 100 + 2 + 60, spec.activeDeadlineSeconds);
+  const pod = spec.template.spec;
+  assert.strictEqual(pod.restartPolicy, 'Never');
+  assert.deepStrictEqual(pod.topologySpreadConstraints.map((c) => [c.topologyKey, c.labelSelector.matchLabels['batch.kubernetes.io/job-name']]),
+    [['kubernetes.io/hostname', 'load']]);
+  const [container] = pod.containers;
+  assert.deepStrictEqual(container.resources.requests, container.resources.limits);
+  assert.deepStrictEqual(container.args.slice(-4), ['--barrier', 'k8s', '--json', '-']);
+  const env = Object.fromEntries(container.env.map((e) => [e.name, e.value ?? e.valueFrom.fieldRef.fieldPath]));
+  assert.deepStrictEqual([env.KESH_SHARD_COUNT, env.KESH_JOB_NAME, env.POD_NAME], ['4', 'load', 'metadata.name']);
+  assert.strictEqual(pod.serviceAccountName, byKind.ServiceAccount.metadata.name);
+  assert.deepStrictEqual(byKind.Role.rules, [{ apiGroups: [''], resources: ['pods'], verbs: ['get', 'list', 'patch'] }]);
+  assert.deepStrictEqual([byKind.RoleBinding.roleRef.name, byKind.RoleBinding.subjects[0].name], [byKind.Role.metadata.name, pod.serviceAccountName]);
+  const refused = spawnSync(process.execPath, [runner, 'k8s', 'manifest', '--shards', '2', '--shard-index', '0'], { encoding: 'utf8', timeout: 20000 });
+  assert.strictEqual(refused.status, 2);
+  assert.match(refused.stderr, /--shard-index is set by the manifest/);
+});
