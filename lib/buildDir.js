@@ -6,9 +6,9 @@ const path = require('node:path');
 
 const root = path.join(__dirname, '..');
 
-function lineBuildDir({ sanitize = false } = {}) {
+function lineBuildDir({ sanitize = false, threads = false } = {}) {
   const line = process.versions.node.split('.')[0];
-  return path.join(root, sanitize ? 'build-sanitize' : 'build', `node-${line}`);
+  return path.join(root, sanitize ? 'build-sanitize' : threads ? 'build-tsan' : 'build', `node-${line}`);
 }
 
 // KESH_BUILD_DIR, when set, names another build (tests, sanitizers, benchmarks).

@@ -198,8 +198,12 @@ class LoadRun {
       if (vuser.ended) vusers.endedEarly += 1;
       settled();
     }, () => {
-      // The add-on logs the failure and its cause.
       vusers.failedToStart += 1;
+      // The add-on gives an error the script threw only as a trace line: say where to see it.
+      if (!this.toldWhereWhy && levelRank(this.options.addonLogLevel) < 3) {
+        this.toldWhereWhy = true;
+        this.onLine('Error', `kesh-run - Vuser ${id} failed to start; --log-level trace shows the error its script threw`);
+      }
       settled();
     });
   }

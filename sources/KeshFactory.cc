@@ -71,9 +71,9 @@ namespace {
 // Returns the cache key, or an empty text with an Error thrown.
 std::string preloadScript(v8::Isolate* isolate, const std::string& scriptPath) {
   std::string key = absolutePath(scriptPath);
-  if (ScriptCacheManager::instance().contains(key)) return key;
   if (FileRecord* cached = FileCacheManager::instance().find(key)) {
-    ScriptCacheManager::instance().getOrCompile(isolate, *cached);
+    // A main script carries its base name; the same file as a module, its full path.
+    ScriptCacheManager::instance().getOrCompile(isolate, *cached, cached->fileName);
     return key;
   }
   std::unique_ptr<FileRecord> record = FileRecord::forScript(scriptPath);
@@ -101,7 +101,7 @@ std::string preloadScript(v8::Isolate* isolate, const std::string& scriptPath) {
     } else {
       added = FileCacheManager::instance().find(key);
     }
-    ScriptCacheManager::instance().getOrCompile(isolate, *added);
+    ScriptCacheManager::instance().getOrCompile(isolate, *added, added->fileName);
     return key;
   } catch (const std::exception& e) {
     std::string text = scriptPath + ": " + e.what();
@@ -156,6 +156,7 @@ void settleStarts() {
   // Lets the promises' reactions run once the starts are settled.
   node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
   for (const auto& [id, started] : ready) {
+    KeshLogger::log(LogLevel::kDebug, component::kKeshFactory, id, "start hook called to finish");
     auto found = threadRegistry.find(id);
     if (found != threadRegistry.end()) settleStart(isolate, found->second.get(), started);
   }

@@ -70,6 +70,8 @@ test('a DevTools client pauses at start, hits a breakpoint in a run function, re
         ws.on('open', () => resolve('opened'));
       });
       const attachedList = await (await fetch(listUrl)).json();
+      const parsed = [];
+      client.on('Debugger.scriptParsed', (s) => { if (s.url.includes('debugged')) parsed.push(s.url); });
       const nextPause = () => new Promise((resolve) => client.once('Debugger.paused', resolve));
       let pause = nextPause();
       // Some clients send all of these before any answer; the run command releases the script.
@@ -91,7 +93,7 @@ test('a DevTools client pauses at start, hits a breakpoint in a run function, re
       await client.close();
       await listening(2);
       k.stopKeshThread(1);
-      finish({ id, list, second, attachedList, atStart: [atStart.reason, atStart.callFrames[0].location.lineNumber],
+      finish({ id, list, second, attachedList, parsed, atStart: [atStart.reason, atStart.callFrames[0].location.lineNumber],
         breakpoint: breakpoint.actualLocation.lineNumber, start, hit: hit.hitBreakpoints,
         local: local.result.value, text: text.result.value });
     })().catch(fail);`);
@@ -103,6 +105,7 @@ test('a DevTools client pauses at start, hits a breakpoint in a run function, re
   // While attached, the list still shows the target, without the addresses to attach.
   assert.deepStrictEqual(Object.keys(out.attachedList[0]).sort(),
     ['description', 'faviconUrl', 'id', 'title', 'type', 'url']);
+  assert.deepStrictEqual(out.parsed, ['debugged.js']);
   assert.deepStrictEqual(out.atStart, ['Break on start', 0]);
   assert.strictEqual(out.breakpoint, 3);
   assert.strictEqual(out.start, 'Vuser [1] thread started');

@@ -30,6 +30,8 @@ const dir = scriptDir({
     function lines() {
       _send(7, req(7, 'raw', { text: '{"messageId":71,"socketId":"","responseType":0}\\n{"messageId":72,"socketId":"","responseType":0}\\n{"messageId":73,"socketId":"","responseType":0}\\n' }), () => {});
       for (const id of [71, 72, 73]) _send(id, req(-id, 'silent'), () => say('line', id));
+      // Two answers to one id in one read both reach its callback, each time with the later line.
+      _send(30, req(30, 'raw', { text: '{"messageId":30,"socketId":"","responseType":0,"data":"earlier"}\\n{"messageId":30,"socketId":"","responseType":0,"data":"later"}\\n' }), (m) => say('one id twice', m.data));
     }
     function badLines() {
       for (const line of ['', 'no header here', '{"messageId":8,"socketId":"","responseType":2}', '{"messageId":99999999999,"socketId":"","responseType":0}']) {
@@ -87,6 +89,7 @@ test('messaging: connection checks, answers, framing, bad lines, blocking reques
   for (const line of expectSome) assert.ok(rest.includes(line), `${line}\n${rest.join('\n')}`);
   // An answer that came during the wait runs only once the blocking call has returned.
   assert.ok(rest.indexOf('async answer after sync') > rest.indexOf('sync answer'));
+  assert.deepStrictEqual(rest.filter((l) => l.startsWith('one id twice')), ['one id twice later', 'one id twice later']);
   assert.ok(rest.indexOf('line 71') < rest.indexOf('line 72') && rest.indexOf('line 72') < rest.indexOf('line 73'));
   assert.ok(!rest.includes('second callback never runs') && !rest.includes('cleared callback ran'));
   assert.ok(!rest.some((l) => l.endsWith(' got fraction')), rest.join('\n'));

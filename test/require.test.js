@@ -150,3 +150,26 @@ test('Vusers share file texts and code: first loads at once, then a later Vuser'
   assert.deepStrictEqual(got, [1, 2, 3, 4, 5].map((id) => `v1 ${id} 1`));
   assert.strictEqual(lines.filter((l) => /running required file .*shared\.js$/.test(l)).length, 5);
 });
+
+test('a main script goes by its base name in every Vuser, early or late; as a module, by its full path', () => {
+  const dir = scriptDir({
+    'named.js': `function where() { return new Error().stack.split('\\n')[1].trim(); }
+      console.log('AT ' + vuser_id + ' ' + where());
+      function boom() { null.x; }`,
+    'user.js': "keshRequire('./named', __dirname);",
+  });
+  const named = path.join(dir, 'named.js');
+  const { stdout, lines } = runVusers([named, named, named, path.join(dir, 'user.js')], `
+    k.createKeshThread(5, ${JSON.stringify(named)}, '{}');
+    await k.startKeshThread(5);
+    k.runFunctionFromScript(5, 'boom', '');
+    for (const deadline = Date.now() + 5000; Date.now() < deadline && !lines.some((l) => l.includes('"fileName"'));) {
+      await new Promise((r) => setTimeout(r, 10));
+    }
+    k.stopKeshThread(5);`);
+  const at = Object.fromEntries([...stdout.matchAll(/^AT (\d+) at where \((.*):1:\d+\)$/gm)].map((m) => [m[1], m[2]]));
+  assert.deepStrictEqual(at, { 1: 'named.js', 2: 'named.js', 3: 'named.js', 4: named, 5: 'named.js' });
+  const failure = lines.find((l) => l.includes('Error calling Vuser function'));
+  assert.match(failure, /"fileName":"named\.js"/);
+  assert.match(failure, /at boom \(named\.js:3:\d+\)/);
+});

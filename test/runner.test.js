@@ -89,8 +89,9 @@ test('--service loads a running service; --log-level hides and --log-file keeps'
 });
 
 test('the exit code fails a run whose Vusers fail or whose errors pass --max-errors', async () => {
-  const [mixed, tolerated, kinds, ends, missing, usage] = await Promise.all([
-    run('--vusers', '3', '--seconds', '0', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')),
+  const [mixed, quiet, tolerated, kinds, ends, missing, usage] = await Promise.all([
+    run('--vusers', '3', '--seconds', '0', '--log-level', 'trace', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')),
+    run('--vusers', '2', '--seconds', '0', tmpFile('mixed.js')),
     run('--vusers', '1', '--seconds', '0', '--max-errors', '50', tmpFile('mixed.js')),
     run('--vusers', '1', '--seconds', '0.4', tmpFile('kinds.js')),
     run('--vusers', '2', '--seconds', '0.3', tmpFile('ends.js')),
@@ -99,6 +100,8 @@ test('the exit code fails a run whose Vusers fail or whose errors pass --max-err
   ]);
   assert.strictEqual(mixed.code, 1, mixed.stdout);
   assert.match(mixed.stdout, /Vuser \[2\] failed during script initialization .*no start for 2/);
+  assert.doesNotMatch(mixed.stdout, /shows the error its script threw/);
+  assert.match(quiet.stdout, /^\[Error\] kesh-run - Vuser 2 failed to start; --log-level trace shows the error its script threw$/m);
   assert.strictEqual(figure(mixed.stdout, 'Vusers'), '2 of 3 started, 1 failed');
   assert.strictEqual(figure(mixed.stdout, 'errors'), '2 (50.00%): check 2');
   assert.strictEqual(figure(mixed.stdout, 'result'),

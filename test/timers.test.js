@@ -112,34 +112,21 @@ test('timers: firing, settling, clearing, and every refusal', () => {
   assert.ok(!r.stdout.includes('queued callback still runs'));
 });
 
-test('settled timers are let go: a Vuser that sleeps a hundred thousand times does not grow', () => {
-  const { scenario: inChild, scriptDir: dirOf } = require('./helpers');
-  const script = require('node:path').join(dirOf({
-    'sleeper.js': `
-      _enableRunningAsyncCallbacks();
-      const say = (t) => keshConsole(t, 'Info');
-      const sleep = () => _waitForTimer(_setTimer(false, () => {}, 0));
-      async function run() {
-        for (let i = 0; i < 5000; ++i) await sleep();
-        // Outside the heaps: what a timer kept by native code would occupy.
-        const outside = () => { const m = process.memoryUsage(); return m.rss - m.heapTotal; };
-        const before = outside();
-        for (let i = 0; i < 100000; ++i) await sleep();
-        say('GROWTH ' + Math.round((outside() - before) / 1048576));
-        const fired = _setTimer(false, () => {}, 0);
-        await _waitForTimer(fired);
-        try { _clearTimer(fired); } catch (e) { say('CLEAR ' + e.message); }
-        say('WAIT ' + _waitForTimer(fired));
-      }`,
-  }), 'sleeper.js');
-  const r = inChild(`
+// Calls `run` of a one-Vuser script in a child and returns what the script said with `say`,
+// once it said the `last` word.
+function saidBy(body, last) {
+  const { scenario, scriptDir: dirOf } = require('./helpers');
+  const script = path.join(dirOf({
+    'script.js': `_enableRunningAsyncCallbacks();\nconst say = (t) => keshConsole('SAID ' + t, 'Info');\n${body}`,
+  }), 'script.js');
+  const r = scenario(`
     const said = [];
-    k.onLogMessage((l) => { const m = /\\(\\d+\\) ((GROWTH|CLEAR|WAIT) .*)$/.exec(l); if (m) said.push(m[1]); });
+    k.onLogMessage((l) => { const m = /\\(\\d+\\) SAID (.*)$/.exec(l); if (m) said.push(m[1]); });
     k.createKeshThread(1, ${JSON.stringify(script)}, '{}');
     k.startKeshThread(1).then(() => {
       k.runFunctionFromScript(1, 'run', '');
       const poll = setInterval(() => {
-        if (!said.some((l) => l.startsWith('WAIT'))) return;
+        if (!said.some((l) => l.startsWith(${JSON.stringify(last)}))) return;
         clearInterval(poll);
         k.stopKeshThread(1);
         k.destroyKeshThreads();
@@ -147,7 +134,24 @@ test('settled timers are let go: a Vuser that sleeps a hundred thousand times do
       }, 20);
     });`, { timeout: 60000 });
   assert.strictEqual(r.status, 0, r.stderr);
-  const said = JSON.parse(/SAID(.*)/.exec(r.stdout)[1]);
+  return JSON.parse(/SAID(.*)/.exec(r.stdout)[1]);
+}
+
+test('settled timers are let go: a Vuser that sleeps a hundred thousand times does not grow', () => {
+  const said = saidBy(`
+    const sleep = () => _waitForTimer(_setTimer(false, () => {}, 0));
+    async function run() {
+      for (let i = 0; i < 5000; ++i) await sleep();
+      // Outside the heaps: what a timer kept by native code would occupy.
+      const outside = () => { const m = process.memoryUsage(); return m.rss - m.heapTotal; };
+      const before = outside();
+      for (let i = 0; i < 100000; ++i) await sleep();
+      say('GROWTH ' + Math.round((outside() - before) / 1048576));
+      const fired = _setTimer(false, () => {}, 0);
+      await _waitForTimer(fired);
+      try { _clearTimer(fired); } catch (e) { say('CLEAR ' + e.message); }
+      say('WAIT ' + _waitForTimer(fired));
+    }`, 'WAIT');
   const growth = Number(/GROWTH (-?\d+)/.exec(said[0])[1]);
   // AddressSanitizer holds freed memory in quarantine: RSS says nothing there.
   if (!/libasan/.test(process.env.LD_PRELOAD || '')) {
@@ -155,4 +159,22 @@ test('settled timers are let go: a Vuser that sleeps a hundred thousand times do
   }
   assert.match(said[1], /^CLEAR timer \[\d+\] is already stopped$/);
   assert.strictEqual(said[2], 'WAIT undefined');
+});
+
+test('a timer set after a long synchronous stretch waits its whole delay from the moment it was set', () => {
+  const said = saidBy(`
+    const busy = (ms) => { for (const end = Date.now() + ms; Date.now() < end;); };
+    const waited = (ms) => new Promise((resolve) => {
+      busy(300);
+      const setAt = process.hrtime.bigint();
+      _setTimer(false, () => resolve(Number(process.hrtime.bigint() - setAt) / 1e6), ms);
+    });
+    async function run() {
+      const out = [];
+      for (const ms of [200, 20, 1]) out.push([ms, await waited(ms)]);
+      say('WAITED ' + JSON.stringify(out));
+    }`, 'WAITED');
+  for (const [ms, waited] of JSON.parse(said[0].slice('WAITED '.length))) {
+    assert.ok(waited >= ms, `a ${ms} ms timer fired after ${waited.toFixed(2)} ms`);
+  }
 });

@@ -18,6 +18,14 @@ NetworkManager& managerOf(uv_handle_t* handle) {
   return *static_cast<NetworkManager*>(handle->data);
 }
 
+// The end of every close of the connection, whoever began it.
+void onTcpClosed(uv_handle_t* handle) {
+  NetworkManager& manager = managerOf(handle);
+  manager.state_ = ConnectionState::kClosed;
+  KeshLogger::log(LogLevel::kDebug, kComponent, manager.thread_component_->vuser_id_,
+                  "closing tcp connection");
+}
+
 void OnAlloc(uv_handle_t* handle, size_t, uv_buf_t* buf) {
   NetworkManager& manager = managerOf(handle);
   if (!manager.read_buffer_) manager.read_buffer_ = std::make_unique<char[]>(kReadBufferSize);
@@ -53,8 +61,7 @@ void OnConnect(uv_connect_t* req, int status) {
                      uv_strerror(status));
     // Nothing was sent yet: the handle goes quietly, and the caller goes on waiting.
     manager.state_ = ConnectionState::kClosing;
-    uv_close(reinterpret_cast<uv_handle_t*>(&manager.tcp_),
-             [](uv_handle_t* handle) { managerOf(handle).state_ = ConnectionState::kClosed; });
+    uv_close(reinterpret_cast<uv_handle_t*>(&manager.tcp_), onTcpClosed);
     return;
   }
   KeshLogger::log(LogLevel::kDebug, kComponent, vuserId, "connected to Pelmare");
@@ -93,8 +100,7 @@ void connect(NetworkManager& manager) {
                               reinterpret_cast<const sockaddr*>(&manager.address_), OnConnect);
   if (result == 0) return;
   manager.state_ = ConnectionState::kClosing;
-  uv_close(reinterpret_cast<uv_handle_t*>(&manager.tcp_),
-           [](uv_handle_t* handle) { managerOf(handle).state_ = ConnectionState::kClosed; });
+  uv_close(reinterpret_cast<uv_handle_t*>(&manager.tcp_), onTcpClosed);
   throw ScriptError(kComponent,
                     std::string("failed connecting to Pelmare: ") + uv_strerror(result));
 }
@@ -146,8 +152,7 @@ void NetworkManager::StopSyncWait() {
 void NetworkManager::closeConnection(const std::string& cause) {
   if (state_ != ConnectionState::kConnected && state_ != ConnectionState::kConnecting) return;
   state_ = ConnectionState::kClosing;
-  uv_close(reinterpret_cast<uv_handle_t*>(&tcp_),
-           [](uv_handle_t* handle) { managerOf(handle).state_ = ConnectionState::kClosed; });
+  uv_close(reinterpret_cast<uv_handle_t*>(&tcp_), onTcpClosed);
   uint32_t vuserId = thread_component_->vuser_id_;
   KeshLogger::logf(LogLevel::kError, kComponent, vuserId, "connection to Pelmare closed: %", cause);
   framer_.reset();
@@ -171,8 +176,7 @@ void NetworkManager::closeConnection(const std::string& cause) {
 void NetworkManager::release() {
   if (state_ == ConnectionState::kConnected || state_ == ConnectionState::kConnecting) {
     state_ = ConnectionState::kClosing;
-    uv_close(reinterpret_cast<uv_handle_t*>(&tcp_),
-             [](uv_handle_t* handle) { managerOf(handle).state_ = ConnectionState::kClosed; });
+    uv_close(reinterpret_cast<uv_handle_t*>(&tcp_), onTcpClosed);
   }
   {
     std::lock_guard<std::mutex> lock(pending_mutex_);

@@ -10,6 +10,7 @@
 #include "services/KeshLogger.h"
 #include "services/Utilities.h"
 #include "services/componentNames.h"
+#include "services/timers.h"
 #include "vuser/threadComponents.h"
 
 namespace kesh {
@@ -172,7 +173,7 @@ void NewWebSocketBarrier(const v8::FunctionCallbackInfo<v8::Value>& info) {
     if (timeout.FromJust() >= 0) {
       uv_timer_t* timer = socket->BarrierTimer();
       timer->data = socket;
-      uv_timer_start(timer, OnBarrierTimeout, static_cast<uint64_t>(timeout.FromJust()), 0);
+      startFromNow(timer, OnBarrierTimeout, static_cast<uint64_t>(timeout.FromJust()), 0);
       uv_unref(reinterpret_cast<uv_handle_t*>(timer));
     }
     info.GetReturnValue().Set(resolver->GetPromise());
@@ -189,7 +190,7 @@ void WaitForBareSocketClosure(const v8::FunctionCallbackInfo<v8::Value>& info) {
     if (timeout.FromJust() != -1) {
       uv_timer_t* timer = socket->ClosureTimer();
       timer->data = socket;
-      uv_timer_start(timer, OnClosureTimeout, static_cast<uint64_t>(timeout.FromJust()), 0);
+      startFromNow(timer, OnClosureTimeout, static_cast<uint64_t>(timeout.FromJust()), 0);
     }
     info.GetReturnValue().Set(
         v8::Local<v8::Promise::Resolver>::New(isolate, socket->closure_resolver_)->GetPromise());

@@ -63,6 +63,8 @@ void SendSyncEventLoopRunner(EnteredVuser& here, NetworkManager& manager,
   manager.sync_waiting_ = message->wait_for_response || !message->written;
   while (manager.sync_waiting_ && !isStopping(vuser.state_.get())) {
     uv_run(vuser.loop_, UV_RUN_DEFAULT);
+    KeshLogger::logf(LogLevel::kDebug, kComponent, vuser.vuser_id_,
+                     "finished waiting for response from request %", message->id);
   }
   manager.sync_waiting_ = false;
   {
@@ -123,7 +125,7 @@ void SendSyncNoWait(const v8::FunctionCallbackInfo<v8::Value>& info) {
         failure = e.what();
       }
     }
-    throw ScriptError(kComponent, failure, ErrorKind::kTypeError);
+    throw ScriptError(kComponent, failure, ErrorKind::kTypeError, here.vuser().vuser_id_);
   });
 }
 

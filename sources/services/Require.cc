@@ -239,19 +239,13 @@ struct RequireCall {
   v8::Local<v8::Value> compile(const FileRecord& record, RestoreGlobalsOnLeave* restore) {
     v8::Local<v8::String> resourceName = ToV8String(isolate, record.fullPath.get());
     v8::ScriptCompiler::Source* cached =
-        ScriptCacheManager::instance().getOrCompile(isolate, record);
+        ScriptCacheManager::instance().getOrCompile(isolate, record, record.fullPath.get());
     if (cached == nullptr && tryCatch.HasCaught()) {
       restore->dismiss();
       return {};
     }
-    v8::Local<v8::String> sourceText = SourceText(isolate, record);
-    v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
-    v8::ScriptCompiler::Source source(sourceText, scriptOrigin(isolate, resourceName), view);
     v8::Local<v8::UnboundScript> unbound;
-    if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
-                                                  view != nullptr
-                                                      ? v8::ScriptCompiler::kConsumeCodeCache
-                                                      : v8::ScriptCompiler::kNoCompileOptions)
+    if (!ScriptCacheManager::compile(isolate, SourceText(isolate, record), resourceName, cached)
              .ToLocal(&unbound) ||
         tryCatch.HasCaught()) {
       // The script gets the whole record of the error: file, line, column, source line.

@@ -89,7 +89,7 @@ void RegisterFunction(v8::Isolate* isolate, v8::Local<v8::Object> target, const 
 }
 
 void raise(v8::Isolate* isolate, const ScriptError& error) {
-  KeshLogger::log(LogLevel::kError, error.component, error.text);
+  KeshLogger::log(LogLevel::kError, error.component, error.vuserId, error.text);
   v8::Local<v8::String> text = ToV8String(isolate, error.text);
   switch (error.kind) {
     case ErrorKind::kTypeError:

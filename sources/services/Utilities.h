@@ -2,11 +2,13 @@
 
 #include <v8.h>
 
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <string>
 
 #include "services/fileRecord.h"
+#include "services/logFormat.h"
 #include "vuser/enteredVuser.h"
 
 namespace kesh {
@@ -21,9 +23,10 @@ struct ScriptError : std::exception {
   const char* component;
   std::string text;
   ErrorKind kind;
+  uint32_t vuserId;  // the line's Vuser, kNoVuser for most failures
   ScriptError(const char* component_name, std::string message,
-              ErrorKind error_kind = ErrorKind::kError)
-      : component(component_name), text(std::move(message)), kind(error_kind) {}
+              ErrorKind error_kind = ErrorKind::kError, uint32_t vuser_id = kNoVuser)
+      : component(component_name), text(std::move(message)), kind(error_kind), vuserId(vuser_id) {}
   const char* what() const noexcept override { return text.c_str(); }
 };
 

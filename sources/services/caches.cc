@@ -41,16 +41,19 @@ ScriptCacheManager& ScriptCacheManager::instance() {
   return *manager;
 }
 
-bool ScriptCacheManager::contains(const std::string& fullPath) {
-  std::shared_lock<std::shared_mutex> lock(lock_);
-  return scripts_.count(fullPath) != 0;
+std::string ScriptCacheManager::keyOf(const std::string& fullPath, const char* resourceName) {
+  std::string key = fullPath;
+  key.push_back('\0');  // no path holds one
+  key.append(resourceName);
+  return key;
 }
 
-v8::ScriptCompiler::Source* ScriptCacheManager::find(const std::string& fullPath) {
+v8::ScriptCompiler::Source* ScriptCacheManager::find(const std::string& fullPath,
+                                                     const char* resourceName) {
   ScriptCacheEntry* entry;
   {
     std::shared_lock<std::shared_mutex> lock(lock_);
-    auto it = scripts_.find(fullPath);
+    auto it = scripts_.find(keyOf(fullPath, resourceName));
     if (it == scripts_.end()) return nullptr;
     entry = it->second.get();
   }
@@ -70,11 +73,12 @@ void reportCacheError(v8::Isolate* isolate, v8::TryCatch& tryCatch, const char* 
 }  // namespace
 
 v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolate,
-                                                             const FileRecord& record) {
+                                                             const FileRecord& record,
+                                                             const char* resourceName) {
   // The caller is inside the isolate: the main thread, or a Vuser's EnteredVuser.
   v8::EscapableHandleScope scope(isolate);
   v8::TryCatch tryCatch(isolate);
-  std::string key = record.fullPath.get();
+  std::string key = keyOf(record.fullPath.get(), resourceName);
 
   std::unique_lock<std::shared_mutex> managerLock(lock_);
   auto it = scripts_.find(key);
@@ -91,7 +95,7 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
   managerLock.unlock();  // other scripts need not wait for this compilation
 
   v8::Local<v8::String> source = ToV8String(isolate, record.source, StringType::kInternalized);
-  v8::Local<v8::String> name = ToV8String(isolate, key, StringType::kInternalized);
+  v8::Local<v8::String> name = ToV8String(isolate, resourceName, StringType::kInternalized);
   v8::ScriptOrigin origin = scriptOrigin(isolate, name);
   v8::ScriptCompiler::Source plain(source, origin);
   v8::Local<v8::UnboundScript> unbound;
@@ -121,13 +125,23 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
   return compiled;
 }
 
-v8::ScriptCompiler::CachedData* ScriptCacheManager::viewOf(
+v8::MaybeLocal<v8::UnboundScript> ScriptCacheManager::compile(
+    v8::Isolate* isolate, v8::Local<v8::String> text, v8::Local<v8::String> resourceName,
     const v8::ScriptCompiler::Source* cached) {
   const v8::ScriptCompiler::CachedData* shared =
       cached != nullptr ? cached->GetCachedData() : nullptr;
-  if (shared == nullptr) return nullptr;
-  return new v8::ScriptCompiler::CachedData(shared->data, shared->length,
-                                            v8::ScriptCompiler::CachedData::BufferNotOwned);
+  // Deleted by the Source; the bytes stay with the entry.
+  auto* view = shared == nullptr ? nullptr
+                                 : new v8::ScriptCompiler::CachedData(
+                                       shared->data, shared->length,
+                                       v8::ScriptCompiler::CachedData::BufferNotOwned);
+  v8::ScriptCompiler::Source source(text, scriptOrigin(isolate, resourceName), view);
+  v8::MaybeLocal<v8::UnboundScript> unbound = v8::ScriptCompiler::CompileUnboundScript(
+      isolate, &source,
+      view != nullptr ? v8::ScriptCompiler::kConsumeCodeCache
+                      : v8::ScriptCompiler::kNoCompileOptions);
+  if (view != nullptr) hostWrote(view, sizeof(*view));
+  return unbound;
 }
 
 }  // namespace kesh

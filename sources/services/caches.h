@@ -30,20 +30,26 @@ struct ScriptCacheEntry {
   std::shared_mutex lock_;  // exclusive while the entry is filled
 };
 
-// Process-wide V8 code caches: one eager compile per script, consumed by every isolate.
+// Process-wide V8 code caches: one eager compile per script and name, consumed by every isolate.
+// The name is part of the key because V8 keeps the name a cache was made under: a main script
+// goes by its base name, the same file required as a module by its full path.
 struct ScriptCacheManager {
   std::shared_mutex lock_;
   std::unordered_map<std::string, std::unique_ptr<ScriptCacheEntry>> scripts_;
 
   static ScriptCacheManager& instance();
-  bool contains(const std::string& fullPath);
-  v8::ScriptCompiler::Source* find(const std::string& fullPath);
-  v8::ScriptCompiler::Source* getOrCompile(v8::Isolate* isolate, const FileRecord& record);
+  static std::string keyOf(const std::string& fullPath, const char* resourceName);
+  v8::ScriptCompiler::Source* find(const std::string& fullPath, const char* resourceName);
+  v8::ScriptCompiler::Source* getOrCompile(v8::Isolate* isolate, const FileRecord& record,
+                                           const char* resourceName);
 
-  // The bytes of an entry for one compile, or null without an entry. Each compile gets a view of
-  // its own: V8 writes its verdict into the object it is given, and many Vusers consume the one
-  // cache at once. The Source the view is given to deletes it; the bytes stay.
-  static v8::ScriptCompiler::CachedData* viewOf(const v8::ScriptCompiler::Source* cached);
+  // Compiles `text` named `resourceName` in the caller's isolate, consuming the entry's code
+  // cache when there is one (`cached` may be null). Each compile reads the cache's bytes through
+  // a CachedData of its own: V8 writes its verdict into the object it is given, and many Vusers
+  // consume the one cache at once.
+  static v8::MaybeLocal<v8::UnboundScript> compile(v8::Isolate* isolate, v8::Local<v8::String> text,
+                                                   v8::Local<v8::String> resourceName,
+                                                   const v8::ScriptCompiler::Source* cached);
 };
 
 }  // namespace kesh

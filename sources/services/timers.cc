@@ -127,6 +127,16 @@ TimerHandle* findTimer(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::
   return handle;
 }
 
+}  // namespace
+
+// Shared with the bare sockets' timers, so not in the file's own namespace.
+void startFromNow(uv_timer_t* timer, uv_timer_cb callback, uint64_t ms, uint64_t repeat) {
+  uv_update_time(timer->loop);
+  uv_timer_start(timer, callback, ms != 0 && ms != UINT64_MAX ? ms + 1 : ms, repeat);
+}
+
+namespace {
+
 void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
   scriptFunction(info, [&info](EnteredVuser& here) {
     v8::Isolate* isolate = here.isolate();
@@ -165,7 +175,7 @@ void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
     handle->id_ = id;
     uv_timer_init(tc->loop_, handle->timer_);
     handle->timer_->data = handle.get();
-    uv_timer_start(handle->timer_, onTimerFired, ms, repeat ? ms : 0);
+    startFromNow(handle->timer_, onTimerFired, ms, repeat ? ms : 0);
     uv_unref(reinterpret_cast<uv_handle_t*>(handle->timer_));
     tc->timers_[static_cast<int32_t>(id)] = std::move(handle);
     info.GetReturnValue().Set(v8::Integer::NewFromUnsigned(isolate, id));

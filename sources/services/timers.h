@@ -24,6 +24,12 @@ struct TimerHandle {
   ~TimerHandle();
 };
 
+// Starts a timer a script asked for, counted from this moment. The loop's clock stands still while
+// JavaScript runs, so after a long synchronous stretch it lags behind; and it counts whole
+// milliseconds, cut down, so a nonzero delay gets one more. Together: never a firing before the
+// delay has passed.
+void startFromNow(uv_timer_t* timer, uv_timer_cb callback, uint64_t ms, uint64_t repeat);
+
 // Stops and closes the timer's handle in any state and releases its script values.
 void closeTimer(TimerHandle* handle);
 

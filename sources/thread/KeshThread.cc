@@ -63,10 +63,8 @@ void onWake(uv_async_t* handle) {
 }  // namespace
 
 void requestStop(ThreadComponent& vuser) {
-  if (vuser.state_.move({VuserState::kStarting, VuserState::kRunning, VuserState::kFailed},
-                        VuserState::kStopping)) {
-    KeshLogger::log(LogLevel::kDebug, kComponent, vuser.vuser_id_, "thread stop");
-  }
+  vuser.state_.move({VuserState::kStarting, VuserState::kRunning, VuserState::kFailed},
+                    VuserState::kStopping);
   if (vuser.loop_ != nullptr) uv_stop(vuser.loop_);
 }
 
@@ -144,7 +142,11 @@ void KeshThread::threadMain() {
                       started ? VuserState::kRunning : VuserState::kFailed);
     start_report_(vuser_id_, started);
     startIdleCollection(&vuser);
+    KeshLogger::log(LogLevel::kTrace, kComponent, vuser_id_, "Running event loop");
     runtime->spin();
+    // Whoever asked for the stop (the runner, the script's exit, a rejected run function), the
+    // thread says so once, as it acts on it.
+    KeshLogger::log(LogLevel::kDebug, kComponent, vuser_id_, "thread stop");
     releaseScriptValues();
   }
   runtime.reset();  // releases the environment, the isolate and the loop, in that order
@@ -213,20 +215,17 @@ bool KeshThread::compileAndRun() {
   v8::Local<v8::Context> context = isolate->GetCurrentContext();
   v8::TryCatch tryCatch(isolate);
   FileRecord* file = vuser.thread_script_file;
-  v8::ScriptCompiler::Source* cached = ScriptCacheManager::instance().find(file->fullPath.get());
-  v8::ScriptCompiler::CachedData* view = ScriptCacheManager::viewOf(cached);
-  v8::ScriptCompiler::Source source(
-      SourceText(isolate, *file), scriptOrigin(isolate, ToV8String(isolate, file->fileName)), view);
+  v8::ScriptCompiler::Source* cached =
+      ScriptCacheManager::instance().find(file->fullPath.get(), file->fileName);
   v8::Local<v8::UnboundScript> unbound;
   v8::Local<v8::Value> result;
   std::string failure;
-  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &source,
-                                                view != nullptr
-                                                    ? v8::ScriptCompiler::kConsumeCodeCache
-                                                    : v8::ScriptCompiler::kNoCompileOptions)
+  if (!ScriptCacheManager::compile(isolate, SourceText(isolate, *file),
+                                   ToV8String(isolate, file->fileName), cached)
            .ToLocal(&unbound)) {
-    failure = "Error compiling the script " + ExceptionToString(isolate, tryCatch);
-    KeshLogger::log(LogLevel::kError, kComponent, vuser_id_, failure);
+    failure = ExceptionToString(isolate, tryCatch);
+    KeshLogger::logf(LogLevel::kError, kComponent, vuser_id_, "Error compiling the script %",
+                     failure);
   } else if (!unbound->BindToCurrentContext()->Run(context).ToLocal(&result)) {
     failure = ExceptionToString(isolate, tryCatch);
     KeshLogger::logf(LogLevel::kTrace, kComponent, vuser_id_, "Error running the script: %",
@@ -237,8 +236,8 @@ bool KeshThread::compileAndRun() {
               utf8Text(isolate, v8::Exception::CreateMessage(isolate, reason)->Get());
   }
   if (!failure.empty()) {
-    // The failure is an error for whoever reads the log: the start promise only says "fail".
-    KeshLogger::log(LogLevel::kError, kComponent, vuser_id_,
+    // A trace: the rejected start is the failure's Error line, and a compile error has its own.
+    KeshLogger::log(LogLevel::kTrace, kComponent, vuser_id_,
                     "failed during script initialization " + failure);
     return false;
   }
