@@ -13,6 +13,21 @@ const usage = `usage: kesh-run merge FILE... [--json OUT] [--allow-partial] [--t
   --allow-partial   merge the shards that are there, listing the missing ones (still exit 4)
   --threshold EXPR  a bound on the merged figures, e.g. p99<250ms, errors<1%, rps>=100 (repeatable)`;
 
+// The results in `files` merged as the shards of one run (with `mergeOne` false, a single file is
+// taken as it is). On a file that is no result, or shards that are not one run's, each problem is
+// printed under `command`, the exit code is 4, and the answer is null.
+function readResults(files, { allowPartial = false, command, mergeOne = true }) {
+  try {
+    const results = files.map((file) => readResult(fs.readFileSync(file, 'utf8'), file));
+    return results.length === 1 && !mergeOne ? results[0] : mergeResults(results, { allowPartial, names: files });
+  } catch (err) {
+    const problems = err instanceof MergeError ? err.problems : [err.message];
+    for (const problem of problems) console.error(`kesh-run ${command}: ${problem}`);
+    process.exitCode = 4;
+    return null;
+  }
+}
+
 function main(argv) {
   let values;
   let files;
@@ -39,16 +54,8 @@ function main(argv) {
     return;
   }
 
-  let merged;
-  try {
-    const results = files.map((file) => readResult(fs.readFileSync(file, 'utf8'), file));
-    merged = mergeResults(results, { allowPartial: values['allow-partial'], names: files });
-  } catch (err) {
-    const problems = err instanceof MergeError ? err.problems : [err.message];
-    for (const problem of problems) console.error(`kesh-run merge: ${problem}`);
-    process.exitCode = 4;
-    return;
-  }
+  const merged = readResults(files, { allowPartial: values['allow-partial'], command: 'merge' });
+  if (merged === null) return;
   merged.thresholds = checkThresholds(merged, values.threshold);
   const failedThresholds = merged.thresholds.filter((t) => !t.passed).map((t) => `threshold ${t.expr} not met`);
   merged.problems.push(...failedThresholds);
@@ -59,4 +66,4 @@ function main(argv) {
   process.exitCode = merged.missingShards.length > 0 ? 4 : merged.passed ? 0 : 1;
 }
 
-module.exports = { main };
+module.exports = { main, readResults };

@@ -71,6 +71,8 @@ test('report command: each bad input has its own message and exit code, and writ
       /shard 2 \(.*runb\.json\) belongs to run "run-b", not "run-a"/],
     [[shards[0], shards[2]], 4, /shard 1 of 3 is missing/],
     [[shards[0], shards[0]], 4, /shard 0 appears twice/],
+    [[writeJson('second.json', (() => { const r = shardResult({}); r.series[2].hdr = 'zz'; return r; })())], 4,
+      /second 2: not a compressed HDR histogram/],
     [[shards[0], '--bogus'], 2, /Unknown option '--bogus'/],
   ];
   for (const [inputs, code, message] of cases) {

@@ -5,8 +5,8 @@
 // which still writes the page of the shards that are there), 1 when the page cannot be written.
 const fs = require('node:fs');
 const { parseArgs } = require('node:util');
-const { MergeError } = require('../resultFormat');
-const { reportFromTexts } = require('./index');
+const { readResults } = require('../merge');
+const { buildReport } = require('./index');
 
 const usage = `usage: kesh-run report RESULT.json... --out report.html [--allow-partial]
   --out FILE        the HTML page to write: one file, no request to any host when opened
@@ -37,24 +37,25 @@ function main(argv) {
     return;
   }
 
-  let report;
+  const result = readResults(files, { allowPartial: values['allow-partial'], command: 'report', mergeOne: false });
+  if (result === null) return;
+  let html;
   try {
-    const texts = files.map((name) => ({ name, text: fs.readFileSync(name, 'utf8') }));
-    report = reportFromTexts(texts, { allowPartial: values['allow-partial'] });
+    html = buildReport(result);
   } catch (err) {
-    const problems = err instanceof MergeError ? err.problems : [err.message];
-    for (const problem of problems) console.error(`kesh-run report: ${problem}`);
+    // Parts of a result that only the page reads, e.g. a second's histogram.
+    console.error(`kesh-run report: ${err.message}`);
     process.exitCode = 4;
     return;
   }
   try {
-    fs.writeFileSync(values.out, report.html);
+    fs.writeFileSync(values.out, html);
   } catch (err) {
     console.error(`kesh-run report: cannot write the page: ${err.message}`);
     process.exitCode = 1;
     return;
   }
-  const { missingShards = [] } = report.result;
+  const { missingShards = [] } = result;
   console.log(`kesh-run report: ${values.out}` +
     (missingShards.length ? ` (shards missing: ${missingShards.join(', ')})` : ''));
   process.exitCode = missingShards.length > 0 ? 4 : 0;

@@ -6,7 +6,7 @@
 const fs = require('node:fs');
 const path = require('node:path');
 const {
-  summarize, decodeHistogram, latencyFigures, readResult, mergeResults, parseThreshold,
+  summarize, decodeHistogram, latencyFigures, parseThreshold,
 } = require('../resultFormat');
 // Shown as the printed summary shows them.
 const { ms, rate } = require('../results');
@@ -210,14 +210,4 @@ ${kindsTable(result)}
 `;
 }
 
-// Reads result files (their text, with names for the messages) and builds the page: one file is
-// reported as it is, several are the shards of one run and are merged first.
-function reportFromTexts(files, { allowPartial = false } = {}) {
-  if (files.length === 0) throw new Error('no result to report');
-  const results = files.map(({ name, text }) => readResult(text, name));
-  const result = results.length === 1
-    ? results[0] : mergeResults(results, { allowPartial, names: files.map((f) => f.name) });
-  return { result, html: buildReport(result) };
-}
-
-module.exports = { buildReport, reportFromTexts };
+module.exports = { buildReport };
