@@ -36,9 +36,10 @@ async function groupGone(pid, ms) {
 
 async function launch(binary) {
   const profile = fs.mkdtempSync(path.join(os.tmpdir(), 'kesh-chromium-'));
-  const args = ['--headless=new', '--disable-gpu', '--disable-dev-shm-usage', '--no-first-run', '--disable-background-networking',
-    '--disable-component-update', '--disable-sync', '--disable-extensions', '--proxy-server=127.0.0.1:9',
-    '--host-resolver-rules=MAP * ~NOTFOUND', '--remote-debugging-port=0', `--user-data-dir=${profile}`, 'about:blank'];
+  const args = ['--headless=new', '--disable-gpu', '--disable-dev-shm-usage', '--no-first-run',
+    '--disable-background-networking', '--disable-component-update', '--disable-sync', '--disable-extensions',
+    '--proxy-server=127.0.0.1:9', '--host-resolver-rules=MAP * ~NOTFOUND', '--remote-debugging-port=0',
+    `--user-data-dir=${profile}`, 'about:blank'];
   // Chromium's sandbox refuses root, which CI is.
   if (process.getuid() === 0) args.unshift('--no-sandbox');
   // A process group of its own: closing reaches every helper process the browser started.
