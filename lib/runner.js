@@ -76,6 +76,7 @@ class LoadRun {
     this.ids = Array.from({ length: options.vusers }, (_, i) => options.firstId + i);
     this.vusers = new Map(); // id -> { startCalled, started, ended }
     this.timers = new Set();
+    this.stoppingVusers = false; // from the first stopKeshThread on
     this.result = null;
     this.embedded = null;
     this.kesh = null;
@@ -211,7 +212,9 @@ class LoadRun {
   onLog(line, level) {
     const report = requestReport.parse(line);
     if (report !== null) {
-      this.result.record(report.kind, report.ms, report.error);
+      // A request that our own stop cut off (a blocking request ends with "Thread aborted") is
+      // no error of the service's, and not a request of the window: it is left out.
+      if (!(this.stoppingVusers && report.error !== null)) this.result.record(report.kind, report.ms, report.error);
       return;
     }
     const ended = kEndedPattern.exec(line);
@@ -266,6 +269,7 @@ class LoadRun {
       result.end();
     }
     if (kesh) {
+      this.stoppingVusers = true;
       for (const [id, vuser] of this.vusers) {
         if (!vuser.startCalled) continue;
         try {

@@ -22,6 +22,10 @@ const dir = scriptDir({
     kesh.measure('late', () => kesh.send({ op: 'silent' }, { timeoutMs: 100 })).catch(() => {});
     try { kesh.measure('throws', () => { throw new TypeError('x'); }); } catch {}
     kesh.measure('echo', () => kesh.send({ op: 'echo' }, { timeoutMs: 1000 }));`,
+  // A blocking request that only the run's stop ends.
+  'hangs.js': `const kesh = keshRequire(${lib}, __dirname);
+    kesh.connect(args.service.port, args.service.host);
+    function hang() { kesh.measure('hang', () => kesh.sendSync({ op: 'silent' })); }`,
   'ends.js': `_enableRunningAsyncCallbacks(); _setTimer(false, () => process.exit(3), 50);`,
   'stamps.js': `keshConsole('started at ' + Date.now(), 'Info');`,
   'spins.js': `function spin() { keshConsole('spinning', 'Info'); for (;;) {} }`,
@@ -89,12 +93,13 @@ test('--service loads a running service; --log-level hides and --log-file keeps'
 });
 
 test('the exit code fails a run whose Vusers fail or whose errors pass --max-errors', async () => {
-  const [mixed, quiet, tolerated, kinds, ends, missing, usage] = await Promise.all([
+  const [mixed, quiet, tolerated, kinds, ends, cut, missing, usage] = await Promise.all([
     run('--vusers', '3', '--seconds', '0', '--log-level', 'trace', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')),
     run('--vusers', '2', '--seconds', '0', tmpFile('mixed.js')),
     run('--vusers', '1', '--seconds', '0', '--max-errors', '50', tmpFile('mixed.js')),
     run('--vusers', '1', '--seconds', '0.4', tmpFile('kinds.js')),
     run('--vusers', '2', '--seconds', '0.3', tmpFile('ends.js')),
+    run('--vusers', '2', '--seconds', '0.3', '--run', 'hang', tmpFile('hangs.js')),
     run(tmpFile('missing.js')),
     run('--vusers', '0'),
   ]);
@@ -115,6 +120,9 @@ test('the exit code fails a run whose Vusers fail or whose errors pass --max-err
   assert.strictEqual(ends.code, 1, ends.stdout);
   assert.strictEqual(figure(ends.stdout, 'Vusers'), '2 of 2 started, 2 failed (2 ended early)');
   assert.doesNotMatch(ends.stdout, /blocked another closing request/);
+  // What the stop cut off is neither an error nor a request.
+  assert.strictEqual(cut.code, 0, cut.stdout);
+  assert.strictEqual(figure(cut.stdout, 'errors'), '0 (0.00%)');
   assert.strictEqual(missing.code, 1);
   assert.match(missing.stdout, /script file not found/);
   assert.strictEqual(usage.code, 2);
