@@ -28,31 +28,43 @@ function readResults(files, { allowPartial = false, command, mergeOne = true }) 
   }
 }
 
-function main(argv) {
-  let values;
-  let files;
+// The options and result files of a command that reads results, with --allow-partial and --help
+// beside `options`; `check(values)` throws on what parseArgs cannot see. Null when the command
+// has nothing more to do: help printed, or a bad option told (exit code 2).
+function resultCommandArgs(argv, { command, usage: text, options, check = () => {} }) {
   try {
-    ({ values, positionals: files } = parseArgs({
+    const { values, positionals: files } = parseArgs({
       args: argv,
       allowPositionals: true,
       options: {
-        json: { type: 'string' },
+        ...options,
         'allow-partial': { type: 'boolean', default: false },
-        threshold: { type: 'string', multiple: true, default: [] },
         help: { type: 'boolean', short: 'h' },
       },
-    }));
+    });
     if (values.help) {
-      console.log(usage);
-      return;
+      console.log(text);
+      return null;
     }
     if (files.length === 0) throw new Error('no result files');
-    values.threshold.forEach(parseThreshold);
+    check(values);
+    return { values, files };
   } catch (err) {
-    console.error(`kesh-run merge: ${err.message}\n${usage}`);
+    console.error(`kesh-run ${command}: ${err.message}\n${text}`);
     process.exitCode = 2;
-    return;
+    return null;
   }
+}
+
+function main(argv) {
+  const args = resultCommandArgs(argv, {
+    command: 'merge',
+    usage,
+    options: { json: { type: 'string' }, threshold: { type: 'string', multiple: true, default: [] } },
+    check: (values) => values.threshold.forEach(parseThreshold),
+  });
+  if (args === null) return;
+  const { values, files } = args;
 
   const merged = readResults(files, { allowPartial: values['allow-partial'], command: 'merge' });
   if (merged === null) return;
@@ -66,4 +78,4 @@ function main(argv) {
   process.exitCode = merged.missingShards.length > 0 ? 4 : merged.passed ? 0 : 1;
 }
 
-module.exports = { main, readResults };
+module.exports = { main, readResults, resultCommandArgs };

@@ -4,8 +4,7 @@
 // 4 when the files are not a result or not the shards of one run (also with --allow-partial,
 // which still writes the page of the shards that are there), 1 when the page cannot be written.
 const fs = require('node:fs');
-const { parseArgs } = require('node:util');
-const { readResults } = require('../merge');
+const { readResults, resultCommandArgs } = require('../merge');
 const { buildReport } = require('./index');
 
 const usage = `usage: kesh-run report RESULT.json... --out report.html [--allow-partial]
@@ -13,29 +12,16 @@ const usage = `usage: kesh-run report RESULT.json... --out report.html [--allow-
   --allow-partial   report the shards that are there, listing the missing ones (still exit 4)`;
 
 function main(argv) {
-  let values;
-  let files;
-  try {
-    ({ values, positionals: files } = parseArgs({
-      args: argv,
-      allowPositionals: true,
-      options: {
-        out: { type: 'string', short: 'o' },
-        'allow-partial': { type: 'boolean', default: false },
-        help: { type: 'boolean', short: 'h' },
-      },
-    }));
-    if (values.help) {
-      console.log(usage);
-      return;
-    }
-    if (files.length === 0) throw new Error('no result files');
-    if (values.out === undefined) throw new Error('--out FILE is needed');
-  } catch (err) {
-    console.error(`kesh-run report: ${err.message}\n${usage}`);
-    process.exitCode = 2;
-    return;
-  }
+  const args = resultCommandArgs(argv, {
+    command: 'report',
+    usage,
+    options: { out: { type: 'string', short: 'o' } },
+    check: (values) => {
+      if (values.out === undefined) throw new Error('--out FILE is needed');
+    },
+  });
+  if (args === null) return;
+  const { values, files } = args;
 
   const result = readResults(files, { allowPartial: values['allow-partial'], command: 'report', mergeOne: false });
   if (result === null) return;
