@@ -43,7 +43,9 @@ async function launch(binary) {
   // Chromium's sandbox refuses root, which CI is.
   if (process.getuid() === 0) args.unshift('--no-sandbox');
   // A process group of its own: closing reaches every helper process the browser started.
-  const child = spawn(binary, args, { detached: true, stdio: ['ignore', 'ignore', 'pipe'] });
+  // The sanitizer builds preload their runtimes into node; the browser must not inherit them.
+  const { LD_PRELOAD, ASAN_OPTIONS, TSAN_OPTIONS, ...env } = process.env;
+  const child = spawn(binary, args, { detached: true, env, stdio: ['ignore', 'ignore', 'pipe'] });
   const close = async () => {
     try {
       process.kill(-child.pid, 'SIGTERM');
