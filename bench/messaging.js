@@ -3,7 +3,7 @@
 // Each user keeps one request in flight: a Vuser with `_send` and a callback that sends the next
 // request, a worker with a net.Socket speaking the same line protocol. Every figure comes from a
 // fresh child process; medians over rounds.
-//   node bench/messaging.js [--users 1,10,50,200] [--rounds 5] [--seconds 3]
+//   node bench/messaging.js [--users 1,10,50,200] [--rounds 5] [--seconds 3] [--warmup 0.5]
 //                           [--probes all|none|load,runfn,starts,sync] [--node-flags "..."]
 'use strict';
 const { spawn, spawnSync } = require('node:child_process');
@@ -17,6 +17,7 @@ const { values } = parseArgs({
     users: { type: 'string', default: '1,10,50,200' },
     rounds: { type: 'string', default: '5' },
     seconds: { type: 'string', default: '3' },
+    warmup: { type: 'string', default: '0.5' }, // seconds of load before the measured window
     probes: { type: 'string', default: 'all' },
     'node-flags': { type: 'string', default: '' },
     child: { type: 'string' },
@@ -225,11 +226,11 @@ function makeUsers(kind, { n, port, heapMB = 0, dir, firstId = 1 }) {
 
 const experiments = {
   // Throughput, CPU and latency with every user busy.
-  async load(kind, { n, port, seconds, dir }) {
+  async load(kind, { n, port, seconds, dir, warmup = 0.5 }) {
     const users = makeUsers(kind, { n, port, dir });
     await users.start();
     users.tell('go');
-    await sleep(500);
+    await sleep(warmup * 1000);
     users.tell('mark');
     const cpu0 = cpuMicros();
     const lines0 = users.lines();
@@ -340,7 +341,7 @@ async function main() {
   const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'kesh-messaging-'));
   fs.writeFileSync(path.join(dir, 'vuser.js'), VUSER_SCRIPT);
   const echo = await startEcho(dir);
-  const base = { port: echo.port, dir };
+  const base = { port: echo.port, dir, warmup: Number(values.warmup) };
   const fmt = (x, digits = 1) => (Number.isFinite(x) ? x.toFixed(digits) : '-');
   const ratio = (a, b) => fmt(a / b, 2);
   console.log(`node ${process.version} ${values['node-flags']}, ${os.cpus().length} cpus; ` +
