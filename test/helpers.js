@@ -8,8 +8,20 @@ const path = require('node:path');
 
 const modulePath = path.join(__dirname, '..');
 
+// What every scenario's child has: the add-on as `k`, `sleep(ms)`, and `until(test, what, ms)`
+// that polls `test` every 10 ms and throws naming `what` once `ms` have passed.
+const childPrelude = `const k = require(${JSON.stringify(modulePath)});
+const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+const until = async (test, what = 'the awaited event', ms = 5000) => {
+  for (const end = Date.now() + ms; !test();) {
+    if (Date.now() > end) throw new Error('timed out waiting for ' + what);
+    await sleep(10);
+  }
+};
+`;
+
 function scenario(body, { timeout = 30000 } = {}) {
-  const code = `const k = require(${JSON.stringify(modulePath)});\n${body}`;
+  const code = `${childPrelude}${body}`;
   const r = spawnSync(process.execPath, ['-e', code], { encoding: 'utf8', timeout });
   return { status: r.status, signal: r.signal, stdout: r.stdout, stderr: r.stderr };
 }
@@ -23,7 +35,7 @@ function scriptDir(files) {
   return dir;
 }
 
-module.exports = { scenario, scriptDir, modulePath };
+module.exports = { scenario, scriptDir, modulePath, childPrelude };
 
 // Starts one Vuser of `script`, sends `calls` ([name, param] or a number of milliseconds to
 // wait) `gap` ms apart, stops it, and returns the child's stdout and the log lines it saw at
@@ -34,7 +46,6 @@ function driveVuser(script, calls, { gap = 30, args = {}, pelmare = false, level
     const lines = [];
     k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
     k.setLogLevel(${JSON.stringify(level)});
-    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
     (async () => {
       const service = ${pelmare} ? await require(${JSON.stringify(path.join(modulePath, 'tools', 'pelmare'))}).start() : null;
       const args = { ...${JSON.stringify(args)}, ...(service ? { port: service.port } : {}) };

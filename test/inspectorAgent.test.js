@@ -26,7 +26,6 @@ const paths = JSON.stringify({
 // a wait for the n-th "Debugger listening" line.
 const prelude = `
   const P = ${paths};
-  const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
   const lines = [];
   k.setLogLevel('info');
   k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));

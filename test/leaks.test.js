@@ -5,7 +5,7 @@ const test = require('node:test');
 const assert = require('node:assert');
 const { spawnSync } = require('node:child_process');
 const path = require('node:path');
-const { scriptDir, modulePath } = require('./helpers');
+const { scriptDir, childPrelude } = require('./helpers');
 
 const sanitized = /libasan/.test(process.env.LD_PRELOAD || '');
 
@@ -16,9 +16,7 @@ test('cycles of Vusers leak nothing through the add-on', { skip: !sanitized && '
       function work(p) { n += p.a; keshRequire('./mod.json', __dirname); }`,
     'mod.json': '{"x":1}',
   });
-  const code = `
-    const k = require(${JSON.stringify(modulePath)});
-    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+  const code = `${childPrelude}
     (async () => {
       for (let cycle = 0; cycle < 6; ++cycle) {
         k.onLogMessage(() => {});

@@ -61,8 +61,7 @@ test('a reset and an end of the connection are the Vuser\'s: waiting calls fail,
   const r = scenario(`${SERVICE}
     const lines = [];
     k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
-    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
-    const until = async (what) => { for (let i = 0; i < 400 && !lines.concat(out).some((l) => l.includes(what)); ++i) await sleep(10); };
+    const seen = async (what) => { for (let i = 0; i < 400 && !lines.concat(out).some((l) => l.includes(what)); ++i) await sleep(10); };
     const out = [];
     const log = console.log;
     console.log = (t) => { out.push(String(t)); log(t); };
@@ -74,7 +73,7 @@ test('a reset and an end of the connection are the Vuser\'s: waiting calls fail,
         ['syncOverEnd', 'F sync'], ['connect', 'F connected'], ['sendNow', 'F echo']]) {
         out.length = 0;
         k.runFunctionFromScript(1, call, '');
-        await until(wait);
+        await seen(wait);
       }
       k.stopKeshThread(1);
       k.destroyKeshThreads();
@@ -135,7 +134,6 @@ test('a thread the system refuses fails that start alone, and leaves no Vuser be
 test('lifetimes leak no descriptors; a busy script is terminated by its stop; a new logger attaches at once', () => {
   const r = scenario(`
     const fs = require('node:fs');
-    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
     const fds = () => fs.readdirSync('/proc/self/fd').length;
     const counts = [];
     (async () => {

@@ -61,9 +61,8 @@ test('each line of a scripted run has its level and component', () => {
     const lines = [];
     k.onLogMessage((line, level) => lines.push([level, line]));
     k.setLogLevel('debug');
-    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
     // A line that never comes shows as a missing row, not as a stalled run.
-    const until = async (text) => {
+    const seen = async (text) => {
       const end = Date.now() + 5000;
       while (!lines.some(([, l]) => l.includes(text)) && Date.now() < end) await sleep(10);
     };
@@ -77,12 +76,12 @@ test('each line of a scripted run has its level and component', () => {
         ['badNoWait', 'not a invalid number'], ['missingModule', 'resolve path'],
         ['fails', 'run-function boom'], ['nowhere', "Can't find"], ['done', 'for done']]) {
         k.runFunctionFromScript(1, call, '');
-        await until(wait);
+        await seen(wait);
       }
       try { k.runFunctionFromScript(9, 'x', ''); } catch {}
       for (const id of [1, 2, 3]) k.stopKeshThread(id);
-      await until('Vuser [1] finished thread execution');
-      await until('Vuser [1] closing tcp connection');
+      await seen('Vuser [1] finished thread execution');
+      await seen('Vuser [1] closing tcp connection');
       await service.close();
       k.destroyKeshThreads();
       process.stdout.write('LINES' + JSON.stringify(lines) + '\\n');

@@ -2,7 +2,7 @@
 const test = require('node:test');
 const assert = require('node:assert');
 const path = require('node:path');
-const { scenario, scriptDir, driveVuser } = require('./helpers');
+const { scenario, scriptDir, driveVuser, childPrelude } = require('./helpers');
 
 const dir = scriptDir({
   'calls.js': `
@@ -144,10 +144,8 @@ test('memory: no collection forced while a Vuser is busy; its garbage goes once 
       function drop() { junk = null; }`,
   }), 'garbage.js');
   // V8's own trace names each full collection and, for ours, its reason.
-  const child = spawn(process.execPath, ['--trace-gc', '-e', `
-    const k = require(${JSON.stringify(path.join(__dirname, '..'))});
+  const child = spawn(process.execPath, ['--trace-gc', '-e', `${childPrelude}
     k.onLogMessage(() => {});
-    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
     k.createKeshThread(1, ${JSON.stringify(script)}, '{}');
     k.startKeshThread(1).then(async () => {
       console.log('PHASE busy');

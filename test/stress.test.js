@@ -24,7 +24,6 @@ const RANDOM = `let state = SEED; const random = () => ((state = (state * 110351
 test(`200 lifetimes of 5 Vusers with random timing and run-function floods (seed ${seed})`, () => {
   const r = scenario(`
     ${RANDOM.replace('SEED', String(seed))}
-    const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
     (async () => {
       let first = 1;
       for (let cycle = 0; cycle < 200; ++cycle) {
