@@ -117,8 +117,7 @@ function checkThresholds(result, exprs) {
     let value;
     if (figure === 'errors') value = summary.errorRate * 100;
     else if (figure === 'rps') value = summary.requestsPerSecond;
-    else if (histogram.totalCount === 0) value = null;
-    else value = usToMs(figure === 'max' ? histogram.maxValue : histogram.getValueAtPercentile(Number(figure.slice(1))));
+    else value = latencyFigures(histogram, figure === 'max' ? [] : [Number(figure.slice(1))])[figure];
     return { expr: expr.trim(), value, passed: value !== null && kCompare[op](value, bound) };
   });
 }

@@ -169,9 +169,8 @@ function rate(value) {
 
 function statusLine(result) {
   const { vusers } = result;
-  const latency = result.latency.totalCount
-    ? `p50 ${ms(result.latency.getValueAtPercentile(50) / 1000)} ms, p99 ${ms(result.latency.getValueAtPercentile(99) / 1000)} ms`
-    : 'no latency yet';
+  const { p50, p99 } = latencyFigures(result.latency, [50, 99]);
+  const latency = p50 === null ? 'no latency yet' : `p50 ${ms(p50)} ms, p99 ${ms(p99)} ms`;
   return `${result.seconds.toFixed(1).padStart(5)} s  Vusers ${vusers.started}/${vusers.planned} started, ` +
     `${result.runningVusers} running, ${result.failedVusers} failed | ${result.requests} requests, ` +
     `${result.errors} errors, ${rate(result.requestsPerSecond)}/s | ${latency}`;

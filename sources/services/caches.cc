@@ -36,16 +36,20 @@ bool FileCacheManager::add(FileRecord* record) {
   return inserted;
 }
 
-ScriptCacheManager& ScriptCacheManager::instance() {
-  static ScriptCacheManager* manager = new ScriptCacheManager();
-  return *manager;
-}
+namespace {
 
-std::string ScriptCacheManager::keyOf(const std::string& fullPath, const char* resourceName) {
+std::string keyOf(const std::string& fullPath, const char* resourceName) {
   std::string key = fullPath;
   key.push_back('\0');  // no path holds one
   key.append(resourceName);
   return key;
+}
+
+}  // namespace
+
+ScriptCacheManager& ScriptCacheManager::instance() {
+  static ScriptCacheManager* manager = new ScriptCacheManager();
+  return *manager;
 }
 
 v8::ScriptCompiler::Source* ScriptCacheManager::find(const std::string& fullPath,

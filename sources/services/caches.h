@@ -38,7 +38,6 @@ struct ScriptCacheManager {
   std::unordered_map<std::string, std::unique_ptr<ScriptCacheEntry>> scripts_;
 
   static ScriptCacheManager& instance();
-  static std::string keyOf(const std::string& fullPath, const char* resourceName);
   v8::ScriptCompiler::Source* find(const std::string& fullPath, const char* resourceName);
   v8::ScriptCompiler::Source* getOrCompile(v8::Isolate* isolate, const FileRecord& record,
                                            const char* resourceName);

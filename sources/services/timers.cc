@@ -16,6 +16,11 @@
 
 namespace kesh {
 
+void startFromNow(uv_timer_t* timer, uv_timer_cb callback, uint64_t ms, uint64_t repeat) {
+  uv_update_time(timer->loop);
+  uv_timer_start(timer, callback, ms != 0 && ms != UINT64_MAX ? ms + 1 : ms, repeat);
+}
+
 namespace {
 
 constexpr const char* kComponent = component::kTimers;
@@ -126,16 +131,6 @@ TimerHandle* findTimer(v8::Isolate* isolate, const v8::FunctionCallbackInfo<v8::
   }
   return handle;
 }
-
-}  // namespace
-
-// Shared with the bare sockets' timers, so not in the file's own namespace.
-void startFromNow(uv_timer_t* timer, uv_timer_cb callback, uint64_t ms, uint64_t repeat) {
-  uv_update_time(timer->loop);
-  uv_timer_start(timer, callback, ms != 0 && ms != UINT64_MAX ? ms + 1 : ms, repeat);
-}
-
-namespace {
 
 void SetTimer(const v8::FunctionCallbackInfo<v8::Value>& info) {
   scriptFunction(info, [&info](EnteredVuser& here) {
