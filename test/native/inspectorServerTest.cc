@@ -127,8 +127,8 @@ struct Client {
     if (end == std::string::npos || field > end) return take(SIZE_MAX);
     return take(end + 4 + std::stoul(in.substr(field + 16)));
   }
-  bool attach(const std::string& target = "/T1") {
-    send(upgrade(target));
+  bool attach() {
+    send(upgrade("/T1"));
     return take(switching().size()) == switching();
   }
   std::pair<int, std::string> frame() {
