@@ -7,58 +7,30 @@
 namespace kesh {
 namespace {
 
-std::string expand(const char* format, std::initializer_list<std::string> args) {
-  std::string out;
-  expandFormat(out, format, args.begin(), args.size());
-  return out;
-}
-
-TEST(ExpandFormat, PlaceholdersAndEscapes) {
-  EXPECT_EQ(expand("100%% of %", {"5"}), "100% of 5");
-  EXPECT_EQ(expand("% and %", {"a", "b"}), "a and b");
-  EXPECT_EQ(expand("at the end %", {"x"}), "at the end x");
-  EXPECT_EQ(expand("%", {""}), "");
-}
-
-TEST(ExpandFormat, RestIsCopiedOnceArgumentsRunOut) {
-  // A doubled percent behind the last placeholder stays doubled, a later single one stays.
-  EXPECT_EQ(expand("% then 100%% and %", {"a"}), "a then 100%% and %");
-  EXPECT_EQ(expand("no args 50%% %", {}), "no args 50%% %");
-  EXPECT_EQ(expand("a % b % c", {"1"}), "a 1 b % c");
-}
-
-TEST(ExpandFormat, ExtraArgumentsAreDroppedAndTrailingPercentIsAPlaceholder) {
-  EXPECT_EQ(expand("only %", {"1", "2", "3"}), "only 1");
-  EXPECT_EQ(expand("plain", {"1"}), "plain");
-  EXPECT_EQ(expand("x%%", {"1"}), "x%");
-}
-
-TEST(LineBuilding, PrefixAndDisplayText) {
-  std::string line;
-  appendLinePrefix(line, 4242, 7);
-  EXPECT_EQ(line, "(4242) Vuser [7] ");
-  line.clear();
-  appendLinePrefix(line, 1, kNoVuser);
-  EXPECT_EQ(line, "(1) ");
-  EXPECT_EQ(displayText("NetworkManager", "(4242) Vuser [7] connected"),
-            "NetworkManager - (4242) Vuser [7] connected");
-  EXPECT_EQ(displayText("", "(1) bare"), "(1) bare");
-}
-
-TEST(LineBuilding, LevelNames) {
-  EXPECT_STREQ(levelName(LogLevel::kError), "Error");
-  EXPECT_STREQ(levelName(LogLevel::kWarning), "Warning");
-  EXPECT_STREQ(levelName(LogLevel::kInfo), "Info");
-  EXPECT_STREQ(levelName(LogLevel::kDebug), "Debug");
-  EXPECT_STREQ(levelName(LogLevel::kTrace), "trace");
-  EXPECT_STREQ(levelName(static_cast<LogLevel>(9)), "BadLogLevel");
-}
-
-TEST(LineBuilding, ThreadIdIsTheKernelId) {
-  EXPECT_EQ(currentThreadId(), static_cast<uint64_t>(getpid()));  // main thread: tid == pid
+TEST(ExpandFormat, PlaceholdersEscapesAndTheRestOnceArgumentsRunOut) {
+  struct Case {
+    const char* format;
+    std::vector<std::string> args;
+    const char* expected;
+  } cases[] = {
+      {"100%% of %", {"5"}, "100% of 5"},
+      {"% and %", {"a", "b"}, "a and b"},
+      {"%", {""}, ""},
+      {"x%%", {"1"}, "x%"},
+      {"only %", {"1", "2", "3"}, "only 1"},
+      // Behind the last argument the rest is copied as it is, doubled percents included.
+      {"% then 100%% and %", {"a"}, "a then 100%% and %"},
+      {"no args 50%% %", {}, "no args 50%% %"},
+  };
+  for (const Case& c : cases) {
+    std::string out;
+    expandFormat(out, c.format, c.args.data(), c.args.size());
+    EXPECT_EQ(out, c.expected) << c.format;
+  }
 }
 
 TEST(DirectOutput, LinesFiltersAndTraceRules) {
+  EXPECT_EQ(currentThreadId(), static_cast<uint64_t>(getpid()));  // main thread: tid == pid
   ASSERT_TRUE(directOutput.load());
   testing::internal::CaptureStdout();
   KeshLogger::log(LogLevel::kInfo, "NetworkManager", 7, "connected");
