@@ -24,34 +24,26 @@ function shardResult(index, count, latencies, { runId = 'run-a', sha = 'abc' } =
 }
 const latencyOf = (result) => format.decodeHistogram(result.latency.hdr);
 
-test('merge: shards add up to the whole run, in any order; percentiles of a bimodal run within 0.1%', () => {
+test('merge: shards add up to the whole run, in any order, its percentiles within 0.1% of the exact ones', () => {
   // Heavy-tailed, from microseconds to minutes.
   const values = Array.from({ length: 20000 }, () => 0.001 * Math.exp(random() * 18));
+  const sorted = values.map((ms) => Math.round(ms * 1000)).sort((a, b) => a - b);
   const whole = latencyOf(shardResult(0, 1, values));
   for (const reversed of [false, true]) {
     const parts = [[], [], []];
     for (const v of values) parts[Math.floor(random() * 3)].push(v);
     const shards = parts.map((part, i) => shardResult(i, 3, part));
     const merged = format.mergeResults(reversed ? shards.reverse() : shards);
+    const latency = latencyOf(merged);
     for (const p of [0.1, 1, 25, 50, 90, 99, 99.9, 99.99, 100]) {
-      assert.strictEqual(latencyOf(merged).getValueAtPercentile(p), whole.getValueAtPercentile(p), `p${p}, reversed ${reversed}`);
+      assert.strictEqual(latency.getValueAtPercentile(p), whole.getValueAtPercentile(p), `p${p}, reversed ${reversed}`);
+      const want = exact(sorted, p);
+      if (p >= 25) assert.ok(Math.abs(latency.getValueAtPercentile(p) - want) <= want * 0.001, `p${p}: vs ${want}`);
     }
-    assert.deepStrictEqual([merged.counts.requests, merged.kinds.fast.requests + merged.kinds.slow.requests, latencyOf(merged).totalCount],
+    assert.deepStrictEqual([merged.counts.requests, merged.kinds.fast.requests + merged.kinds.slow.requests, latency.totalCount],
       [values.length, values.length, values.length]);
     assert.deepStrictEqual(merged.shards.map((s) => s.index), [0, 1, 2]);
     assert.strictEqual(merged.releaseSkewMs, 2);
-  }
-
-  // Two shards of fast answers, one of slow ones: the mean of the shards' p99 would be far off.
-  const fast = () => 1 + random() * 4;
-  const bimodal = [Array.from({ length: 9000 }, fast), Array.from({ length: 9000 }, fast),
-    Array.from({ length: 2000 }, () => (random() < 0.9 ? fast() : 400 + random() * 200))];
-  const sorted = bimodal.flat().map((ms) => Math.round(ms * 1000)).sort((a, b) => a - b);
-  const merged = latencyOf(format.mergeResults(bimodal.map((part, i) => shardResult(i, 3, part))));
-  for (const p of [50, 90, 99, 99.9]) {
-    const want = exact(sorted, p);
-    const got = merged.getValueAtPercentile(p);
-    assert.ok(Math.abs(got - want) <= want * 0.001, `p${p}: ${got} vs ${want}`);
   }
 });
 
