@@ -84,19 +84,6 @@ test('report command: each bad input has its own message and exit code, and writ
   assert.match(fs.readFileSync(file('partial.html'), 'utf8'), /<tr data-shard="1" class="missing">/);
 });
 
-test('a run with --report leaves its page, with the figures of its JSON and of its printed summary', () => {
-  const r = kesh(['--vusers', '2', '--seconds', '1', '--quiet', '--json', file('run.json'), '--report', file('run.html')]);
-  assert.strictEqual(r.code, 0, r.stdout + r.stderr);
-  assert.match(r.stdout, /report: .*run\.html/);
-  const summary = summarize(JSON.parse(fs.readFileSync(file('run.json'), 'utf8')));
-  const html = fs.readFileSync(file('run.html'), 'utf8');
-  assert.ok(summary.requests > 0);
-  for (const [name, value] of figures(summary)) {
-    assert.strictEqual(Number(new RegExp(`id="fig-${name}" data-value="([^"]*)"`).exec(html)[1]), value, name);
-  }
-  assert.strictEqual(Number(/^ {2}requests +(\d+),/m.exec(r.stdout)[1]), summary.requests);
-});
-
 test('the page is one file: nothing outside it is referred to, and result text cannot break out of it', () => {
   const hostile = '</script><script>alert(1)</script><img src="http://example.invalid/x.png">';
   const html = buildReport({ ...shardResult({ seconds: 3 }), script: hostile, errorsByKind: { [hostile]: 1 } });

@@ -33,10 +33,10 @@ const figure = (stdout, label) => new RegExp(`^  ${label} +(.*)$`, 'm').exec(std
 const requestsOf = (stdout) => Number(/^(\d+), /.exec(figure(stdout, 'requests'))[1]);
 const tmpFile = (name) => path.join(dir, name);
 
-test('npm start: the default load passes, and its JSON agrees with the printed summary', async () => {
+test('npm start: the default load passes; its JSON, its printed summary and its --report page agree', async () => {
   const command = JSON.parse(fs.readFileSync(path.join(root, 'package.json'), 'utf8')).scripts.start.split('&&').pop().trim().split(/\s+/);
   const json = tmpFile('start.json');
-  const r = await run(...command.slice(2), '--seconds', '1', '--json', json);
+  const r = await run(...command.slice(2), '--seconds', '1', '--json', json, '--report', tmpFile('start.html'));
   assert.strictEqual(r.code, 0, r.stdout + r.stderr);
   const requests = requestsOf(r.stdout);
   assert.ok(requests > 0, r.stdout);
@@ -54,6 +54,11 @@ test('npm start: the default load passes, and its JSON agrees with the printed s
   const shown = (v) => (v >= 100 ? v.toFixed(0) : v >= 10 ? v.toFixed(1) : v.toFixed(2));
   const { p50, p90, p99, max } = result.summary.latencyMs;
   assert.strictEqual(figure(r.stdout, 'latency'), `p50 ${shown(p50)} ms, p90 ${shown(p90)} ms, p99 ${shown(p99)} ms, max ${shown(max)} ms`);
+  assert.match(r.stdout, /report: .*start\.html/);
+  const html = fs.readFileSync(tmpFile('start.html'), 'utf8');
+  for (const [name, value] of [['requests', requests], ['errors', 0], ['p99', p99]]) {
+    assert.strictEqual(Number(new RegExp(`id="fig-${name}" data-value="([^"]*)"`).exec(html)[1]), value, name);
+  }
 });
 
 test('--service loads a running service; --log-level hides and --log-file keeps', async () => {
