@@ -74,7 +74,6 @@ test('three shards, one prepared 1.5 s late, start together and merge to what th
   shards.push(shard(shardArgs(service, barrierDir, '--json', files[2]), 2, 'e2e'));
   const exits = await Promise.all(shards.map((s) => s.exited));
   exits.forEach((r, i) => assert.strictEqual(r.code, 0, `shard ${i}: ${r.stdout}${r.stderr}`));
-  assert.match(exits[2].stdout, /shard 2 of 3 \(run e2e, Vuser ids 7\.\.9\)/);
   const [fromLog] = resultLines.decode(exits[1].stdout);
   fs.writeFileSync(files[1], JSON.stringify(fromLog));
 
