@@ -73,7 +73,7 @@ test('--service loads a running service; --log-level hides and --log-file keeps'
     // Each feed also opens, pushes to and closes a socket; the probe connection sends nothing.
     assert.ok(requests > 0 && service.requests.length >= requests, `${requests} ${service.requests.length}`);
     assert.doesNotMatch(r.stdout, /^\[(Info|Debug|trace)\] /m);
-      const kept = fs.readFileSync(log, 'utf8');
+    const kept = fs.readFileSync(log, 'utf8');
     assert.match(kept, /\[Debug\] VuserThread - \(\d+\) Vuser \[2\] Started thread(.|\n)*\[Info\] kesh-run: summary/);
     assert.doesNotMatch(kept, /kesh:request/);
   } finally {
