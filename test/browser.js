@@ -1,7 +1,6 @@
 'use strict';
-// Headless Chromium for the tests, over the DevTools protocol, with the network shut: names
-// resolve to nothing, connections go to a closed proxy, and every request but the page's own is
-// listed and failed before it leaves. Closing leaves no browser process behind.
+// Headless Chromium over the DevTools protocol, network shut: names resolve to nothing, connections go
+// to a closed proxy, every request but the page's own is listed and failed. Closing leaves no process.
 const { spawn } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
@@ -10,9 +9,8 @@ const CDP = require('chrome-remote-interface');
 
 function findBrowser() {
   const dirs = (process.env.PATH || '').split(path.delimiter);
-  const found = ['chromium', 'chromium-browser'].flatMap((name) => dirs.map((dir) => path.join(dir, name)))
-    .find((file) => fs.existsSync(file));
-  return process.env.KESH_CHROMIUM || found || null;
+  return process.env.KESH_CHROMIUM || ['chromium', 'chromium-browser'].flatMap((name) => dirs.map((dir) => path.join(dir, name)))
+    .find((file) => fs.existsSync(file)) || null;
 }
 
 function withDeadline(promise, ms, what) {
@@ -24,11 +22,7 @@ function withDeadline(promise, ms, what) {
 // Whether every process of the group has gone within `ms`.
 async function groupGone(pid, ms) {
   for (const deadline = Date.now() + ms; Date.now() < deadline;) {
-    try {
-      process.kill(-pid, 0);
-    } catch {
-      return true;
-    }
+    try { process.kill(-pid, 0); } catch { return true; }
     await new Promise((resolve) => setTimeout(resolve, 50));
   }
   return false;
@@ -40,16 +34,12 @@ async function launch(binary) {
     '--disable-background-networking', '--disable-component-update', '--disable-sync', '--disable-extensions',
     '--proxy-server=127.0.0.1:9', '--host-resolver-rules=MAP * ~NOTFOUND', '--remote-debugging-port=0',
     `--user-data-dir=${profile}`, 'about:blank'];
-  // Chromium's sandbox refuses root, which CI is.
-  if (process.getuid() === 0) args.unshift('--no-sandbox');
-  // A process group of its own: closing reaches every helper process the browser started.
-  // The sanitizer builds preload their runtimes into node; the browser must not inherit them.
+  if (process.getuid() === 0) args.unshift('--no-sandbox'); // the sandbox refuses root, which CI is
+  // A process group of its own, so closing reaches every helper; no sanitizer runtime preloaded into it.
   const { LD_PRELOAD, ASAN_OPTIONS, TSAN_OPTIONS, ...env } = process.env;
   const child = spawn(binary, args, { detached: true, env, stdio: ['ignore', 'ignore', 'pipe'] });
   const close = async () => {
-    try {
-      process.kill(-child.pid, 'SIGTERM');
-    } catch {}
+    try { process.kill(-child.pid, 'SIGTERM'); } catch {}
     if (!(await groupGone(child.pid, 5000))) process.kill(-child.pid, 'SIGKILL');
     const gone = await groupGone(child.pid, 2000);
     fs.rmSync(profile, { recursive: true, force: true });
@@ -70,9 +60,8 @@ async function launch(binary) {
   return { port, close };
 }
 
-// Opens `file` in a new tab: `problems` (console errors, uncaught exceptions, failed loads),
-// `requests` (every URL asked for but the page), `evaluate(expr)`, `screenshot(png)` of the
-// whole page, `close()`.
+// Opens `file` in a new tab: `problems` (console errors, uncaught exceptions, failed loads), `requests`
+// (every URL but the page), `evaluate(expr)`, `screenshot(png)` of the whole page, `close()`.
 async function openPage(browser, file) {
   const url = `file://${path.resolve(file)}`;
   const target = await CDP.New({ port: browser.port });

@@ -6,23 +6,20 @@ const fs = require('node:fs');
 const path = require('node:path');
 const { scriptDir, startRunner: start } = require('./helpers');
 const pelmare = require('../tools/pelmare');
-const { decodeHistogram, kFormat } = require('../lib/resultFormat');
+const { decodeHistogram } = require('../lib/resultFormat');
 
 const root = path.join(__dirname, '..');
 const lib = JSON.stringify(path.join(root, 'lib', 'vuser.js'));
 const dir = scriptDir({
-  // Vuser 2 cannot start; the others report one good and one failed request.
   'mixed.js': `const kesh = keshRequire(${lib}, __dirname);
     if (vuser_id === '2') throw new Error('no start for 2');
     kesh.report('good', 1.5);
     kesh.report('bad', 2.5, 'check');`,
-  // measure() counts time-outs and throws by kind.
   'kinds.js': `const kesh = keshRequire(${lib}, __dirname);
     kesh.connect(args.service.port, args.service.host);
     kesh.measure('late', () => kesh.send({ op: 'silent' }, { timeoutMs: 100 })).catch(() => {});
     try { kesh.measure('throws', () => { throw new TypeError('x'); }); } catch {}
     kesh.measure('echo', () => kesh.send({ op: 'echo' }, { timeoutMs: 1000 }));`,
-  // A blocking request that only the run's stop ends.
   'hangs.js': `const kesh = keshRequire(${lib}, __dirname);
     kesh.connect(args.service.port, args.service.host);
     function hang() { kesh.measure('hang', () => kesh.sendSync({ op: 'silent' })); }`,
@@ -33,39 +30,35 @@ const dir = scriptDir({
 
 const run = (...args) => start(args).exited;
 const figure = (stdout, label) => new RegExp(`^  ${label} +(.*)$`, 'm').exec(stdout)?.[1];
+const requestsOf = (stdout) => Number(/^(\d+), /.exec(figure(stdout, 'requests'))[1]);
 const tmpFile = (name) => path.join(dir, name);
 
-test('npm start: the default load passes, and its JSON agrees with the printed summary', async () => {
-  const start = JSON.parse(fs.readFileSync(path.join(root, 'package.json'), 'utf8')).scripts.start;
-  const command = start.split('&&').pop().trim().split(/\s+/);
-  assert.deepStrictEqual(command.slice(0, 2), ['node', 'bin/kesh-run.js']);
+test('npm start: the default load passes; its JSON, its printed summary and its --report page agree', async () => {
+  const command = JSON.parse(fs.readFileSync(path.join(root, 'package.json'), 'utf8')).scripts.start.split('&&').pop().trim().split(/\s+/);
   const json = tmpFile('start.json');
-  const r = await run(...command.slice(2), '--seconds', '1', '--json', json);
+  const r = await run(...command.slice(2), '--seconds', '1', '--json', json, '--report', tmpFile('start.html'));
   assert.strictEqual(r.code, 0, r.stdout + r.stderr);
-  assert.match(figure(r.stdout, 'Vusers'), /^10 of 10 started, 0 failed$/);
-  const requests = Number(/^(\d+), /.exec(figure(r.stdout, 'requests'))[1]);
+  const requests = requestsOf(r.stdout);
   assert.ok(requests > 0, r.stdout);
-  assert.strictEqual(figure(r.stdout, 'errors'), '0 (0.00%)');
-  assert.strictEqual(figure(r.stdout, 'result'), 'passed');
+  assert.deepStrictEqual(['Vusers', 'errors', 'result'].map((label) => figure(r.stdout, label)),
+    ['10 of 10 started, 0 failed', '0 (0.00%)', 'passed']);
   // At the default level no Debug or trace line is shown, whatever the add-on delivers.
   assert.doesNotMatch(r.stdout, /^\[(Debug|trace)\] /m);
 
   const result = JSON.parse(fs.readFileSync(json, 'utf8'));
-  assert.strictEqual(result.format, kFormat);
   assert.strictEqual(result.passed, true);
   assert.deepStrictEqual(result.counts, { requests, errors: 0 });
   assert.deepStrictEqual(result.vusers, { planned: 10, started: 10, failedToStart: 0, endedEarly: 0, failed: 0 });
-  assert.deepStrictEqual(Object.keys(result.kinds), ['browse', 'feed', 'search', 'signIn']);
-  const kindSum = Object.values(result.kinds).reduce((sum, k) => sum + k.requests, 0);
-  assert.strictEqual(kindSum, requests);
-  assert.strictEqual(decodeHistogram(result.latency.hdr).totalCount, requests);
-  assert.strictEqual(result.series.reduce((sum, s) => sum + s.requests, 0), requests);
+  assert.deepStrictEqual([Object.values(result.kinds).reduce((sum, k) => sum + k.requests, 0),
+    decodeHistogram(result.latency.hdr).totalCount, result.series.reduce((sum, s) => sum + s.requests, 0)], [requests, requests, requests]);
   const shown = (v) => (v >= 100 ? v.toFixed(0) : v >= 10 ? v.toFixed(1) : v.toFixed(2));
   const { p50, p90, p99, max } = result.summary.latencyMs;
   assert.strictEqual(figure(r.stdout, 'latency'), `p50 ${shown(p50)} ms, p90 ${shown(p90)} ms, p99 ${shown(p99)} ms, max ${shown(max)} ms`);
-  assert.ok(p50 <= p90 && p90 <= p99 && p99 <= max);
-  assert.match(figure(r.stdout, 'requests'), new RegExp(`/s$`));
-  assert.ok(result.cpu.userMs + result.cpu.systemMs > 0);
+  assert.match(r.stdout, /report: .*start\.html/);
+  const html = fs.readFileSync(tmpFile('start.html'), 'utf8');
+  for (const [name, value] of [['requests', requests], ['errors', 0], ['p99', p99]]) {
+    assert.strictEqual(Number(new RegExp(`id="fig-${name}" data-value="([^"]*)"`).exec(html)[1]), value, name);
+  }
 });
 
 test('--service loads a running service; --log-level hides and --log-file keeps', async () => {
@@ -76,65 +69,54 @@ test('--service loads a running service; --log-level hides and --log-file keeps'
       '--log-level', 'warning', '--log-file', log, 'examples/load.js');
     assert.strictEqual(r.code, 0, r.stdout + r.stderr);
     assert.match(figure(r.stdout, 'script'), new RegExp(`against 127\\.0\\.0\\.1:${service.port}$`));
-    const requests = Number(/^(\d+), /.exec(figure(r.stdout, 'requests'))[1]);
+    const requests = requestsOf(r.stdout);
     // Each feed also opens, pushes to and closes a socket; the probe connection sends nothing.
     assert.ok(requests > 0 && service.requests.length >= requests, `${requests} ${service.requests.length}`);
     assert.doesNotMatch(r.stdout, /^\[(Info|Debug|trace)\] /m);
     const kept = fs.readFileSync(log, 'utf8');
-    assert.match(kept, /\[Debug\] VuserThread - \(\d+\) Vuser \[2\] Started thread/);
-    assert.match(kept, /\[Info\] kesh-run: summary/);
+    assert.match(kept, /\[Debug\] VuserThread - \(\d+\) Vuser \[2\] Started thread(.|\n)*\[Info\] kesh-run: summary/);
     assert.doesNotMatch(kept, /kesh:request/);
   } finally {
     await service.close();
   }
   const refused = await run('--service', '127.0.0.1:1', '--seconds', '0');
-  assert.strictEqual(refused.code, 1);
-  assert.match(refused.stdout, /cannot reach the service at 127\.0\.0\.1:1/);
+  assert.deepStrictEqual([refused.code, /cannot reach the service at 127\.0\.0\.1:1/.test(refused.stdout)], [1, true], refused.stdout);
 });
 
 test('the exit code fails a run whose Vusers fail or whose errors pass --max-errors', async () => {
-  const [mixed, quiet, tolerated, kinds, ends, cut, missing, usage] = await Promise.all([
-    run('--vusers', '3', '--seconds', '0', '--log-level', 'trace', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')),
-    run('--vusers', '2', '--seconds', '0', tmpFile('mixed.js')),
-    run('--vusers', '1', '--seconds', '0', '--max-errors', '50', tmpFile('mixed.js')),
-    run('--vusers', '1', '--seconds', '0.4', tmpFile('kinds.js')),
-    run('--vusers', '2', '--seconds', '0.3', tmpFile('ends.js')),
-    run('--vusers', '2', '--seconds', '0.3', '--run', 'hang', tmpFile('hangs.js')),
-    run(tmpFile('missing.js')),
-    run('--vusers', '0'),
-  ]);
-  assert.strictEqual(mixed.code, 1, mixed.stdout);
-  assert.match(mixed.stdout, /Vuser \[2\] failed during script initialization .*no start for 2/);
-  assert.doesNotMatch(mixed.stdout, /shows the error its script threw/);
-  assert.match(quiet.stdout, /^\[Error\] kesh-run - Vuser 2 failed to start; --log-level trace shows the error its script threw$/m);
-  assert.strictEqual(figure(mixed.stdout, 'Vusers'), '2 of 3 started, 1 failed');
-  assert.strictEqual(figure(mixed.stdout, 'errors'), '2 (50.00%): check 2');
-  assert.strictEqual(figure(mixed.stdout, 'result'),
-    'failed: 1 of 3 Vusers failed to start; error rate 50.00% above --max-errors 0%');
+  const cases = [ // the arguments, the exit code, figures of the summary, a line of the output
+    [['--vusers', '3', '--seconds', '0', '--log-level', 'trace', '--json', tmpFile('mixed.json'), tmpFile('mixed.js')], 1,
+      { Vusers: '2 of 3 started, 1 failed', errors: '2 (50.00%): check 2',
+        result: 'failed: 1 of 3 Vusers failed to start; error rate 50.00% above --max-errors 0%' },
+      /Vuser \[2\] failed during script initialization .*no start for 2/],
+    [['--vusers', '2', '--seconds', '0', tmpFile('mixed.js')], 1, {},
+      /^\[Error\] kesh-run - Vuser 2 failed to start; --log-level trace shows the error its script threw$/m],
+    [['--vusers', '1', '--seconds', '0', '--max-errors', '50', tmpFile('mixed.js')], 0, {}],
+    [['--vusers', '1', '--seconds', '0.4', tmpFile('kinds.js')], 1, { errors: '2 (66.67%): exception 1, timeout 1' }],
+    [['--vusers', '2', '--seconds', '0.3', tmpFile('ends.js')], 1, { Vusers: '2 of 2 started, 2 failed (2 ended early)' }],
+    // What the stop cut off is neither an error nor a request.
+    [['--vusers', '2', '--seconds', '0.3', '--run', 'hang', tmpFile('hangs.js')], 0, { errors: '0 (0.00%)' }],
+    [[tmpFile('missing.js')], 1, {}, /script file not found/],
+    [['--vusers', '0'], 2, {}],
+  ];
+  const runs = await Promise.all(cases.map(([args]) => run(...args)));
+  cases.forEach(([args, code, figures, pattern], i) => {
+    assert.strictEqual(runs[i].code, code, `${args}: ${runs[i].stdout}${runs[i].stderr}`);
+    for (const [label, value] of Object.entries(figures)) assert.strictEqual(figure(runs[i].stdout, label), value);
+    if (pattern) assert.match(runs[i].stdout, pattern);
+  });
+  assert.doesNotMatch(runs[0].stdout, /shows the error its script threw/);
+  assert.doesNotMatch(runs[4].stdout, /blocked another closing request/);
   const json = JSON.parse(fs.readFileSync(tmpFile('mixed.json'), 'utf8'));
   assert.deepStrictEqual([json.counts.requests, json.errorsByKind, json.kinds.bad.errors, json.passed], [4, { check: 2 }, 2, false]);
-
-  assert.strictEqual(tolerated.code, 0, tolerated.stdout);
-  assert.strictEqual(kinds.code, 1, kinds.stdout);
-  assert.strictEqual(figure(kinds.stdout, 'errors'), '2 (66.67%): exception 1, timeout 1');
-  assert.strictEqual(ends.code, 1, ends.stdout);
-  assert.strictEqual(figure(ends.stdout, 'Vusers'), '2 of 2 started, 2 failed (2 ended early)');
-  assert.doesNotMatch(ends.stdout, /blocked another closing request/);
-  // What the stop cut off is neither an error nor a request.
-  assert.strictEqual(cut.code, 0, cut.stdout);
-  assert.strictEqual(figure(cut.stdout, 'errors'), '0 (0.00%)');
-  assert.strictEqual(missing.code, 1);
-  assert.match(missing.stdout, /script file not found/);
-  assert.strictEqual(usage.code, 2);
 });
 
 test('--ramp starts the Vusers evenly over its time', async () => {
   const r = await run('--vusers', '4', '--ramp', '0.8', '--seconds', '0', tmpFile('stamps.js'));
   assert.strictEqual(r.code, 0, r.stdout);
   const stamps = [...r.stdout.matchAll(/started at (\d+)/g)].map((m) => Number(m[1])).sort();
-  assert.strictEqual(stamps.length, 4);
   const gaps = stamps.slice(1).map((t, i) => t - stamps[i]);
-  assert.ok(gaps.every((gap) => gap > 100 && gap < 450), gaps.join());
+  assert.ok(gaps.length === 3 && gaps.every((gap) => gap > 100 && gap < 450), gaps.join());
 });
 
 test('Ctrl-C stops every Vuser and prints the summary so far; a second one quits at once', async () => {
@@ -144,7 +126,7 @@ test('Ctrl-C stops every Vuser and prints the summary so far; a second one quits
   const r = await load.exited;
   assert.strictEqual(r.code, 130, r.stdout);
   assert.match(r.stdout, /kesh-run: summary \(interrupted\)/);
-  assert.ok(Number(/^(\d+), /.exec(figure(r.stdout, 'requests'))[1]) > 0);
+  assert.ok(requestsOf(r.stdout) > 0);
 
   // A Vuser that never yields holds the stop; the second Ctrl-C does not wait for it.
   const stuck = start(['--vusers', '1', '--seconds', '60', '--run', 'spin', '--every', '20', tmpFile('spins.js')]);
