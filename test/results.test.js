@@ -45,6 +45,15 @@ test('merge: shards add up to the whole run, in any order, its percentiles withi
     assert.deepStrictEqual(merged.shards.map((s) => s.index), [0, 1, 2]);
     assert.strictEqual(merged.releaseSkewMs, 2);
   }
+  // Two shards of fast answers and one with a slow tail, where averaging the shards' p99 is far off.
+  const fast = () => 1 + random() * 4;
+  const bimodal = [9000, 9000, 2000].map((n, i) => Array.from({ length: n }, () => (i === 2 && random() < 0.1 ? 400 + random() * 200 : fast())));
+  const all = bimodal.flat().map((ms) => Math.round(ms * 1000)).sort((a, b) => a - b);
+  const latency = latencyOf(format.mergeResults(bimodal.map((part, i) => shardResult(i, 3, part))));
+  for (const p of [50, 90, 99, 99.9]) {
+    const want = exact(all, p);
+    assert.ok(Math.abs(latency.getValueAtPercentile(p) - want) <= want * 0.001, `bimodal p${p}: ${latency.getValueAtPercentile(p)} vs ${want}`);
+  }
 });
 
 test('merge and read: each way of not being one whole run has its own message', () => {
