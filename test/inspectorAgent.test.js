@@ -179,13 +179,11 @@ test('an endpoint that cannot start, a client leaving during a pause, bad text, 
       // promise is kept reachable, or V8 may answer "Promise was collected" before the stop.
       const flood = spawn(process.execPath, ['-e', \`
         const ws = new (require(\${JSON.stringify(P.ws)}))(\${JSON.stringify(url)});
+        const evaluate = (id, expression, awaitPromise) => ws.send(JSON.stringify({ id, method: 'Runtime.evaluate', params: { expression, awaitPromise } }));
         ws.on('open', () => {
           let id = 1;
-          ws.send(JSON.stringify({ id: 0, method: 'Runtime.evaluate',
-            params: { expression: 'globalThis.never = new Promise(() => {})', awaitPromise: true } }));
-          setInterval(() => {
-            for (let i = 0; i < 20; i++) ws.send(JSON.stringify({ id: id++, method: 'Runtime.evaluate', params: { expression: '6 * 7' } }));
-          }, 1);
+          evaluate(0, 'globalThis.never = new Promise(() => {})', true);
+          setInterval(() => { for (let i = 0; i < 20; i++) evaluate(id++, '6 * 7'); }, 1);
           console.log('flooding');
         });
         ws.on('message', (m) => { if (JSON.parse(m).id === 0) console.log('answered'); });
@@ -229,11 +227,10 @@ test('only requests naming an address or localhost are served; idle connections 
       socket.on('close', () => done(true));
     });
     const openIdle = (port) => new Promise((resolve) => {
-      const socket = net.connect(port, '127.0.0.1');
-      socket.on('error', () => {});
-      let opened = 0;
-      const closed = new Promise((r) => socket.on('close', () => r(Date.now() - opened)));
-      socket.on('connect', () => { opened = Date.now(); resolve({ closed }); });
+      const socket = net.connect(port, '127.0.0.1', () => {
+        const opened = Date.now();
+        resolve({ closed: new Promise((r) => socket.on('close', () => r(Date.now() - opened))) });
+      }).on('error', () => {});
     });
     debugged();
     (async () => {

@@ -4,13 +4,11 @@ const assert = require('node:assert');
 const path = require('node:path');
 const { scenario, scriptDir, driveVuser } = require('./helpers');
 
-const common = `
-  const req = (id, op, extra = {}) => JSON.stringify({ messageId: id, op, ...extra }) + '\\n';
-  const say = (...a) => console.log('M ' + a.map((x) => typeof x === 'string' ? x : String(JSON.stringify(x))).join(' '));
-  const attempt = (label, f) => { try { say(label, f()); } catch (e) { say(label, e instanceof Error ? e.constructor.name + ': ' + e.message : 'plain ' + e.message); } };
-`;
 const dir = scriptDir({
-  'requests.js': `${common}
+  'requests.js': `
+    const req = (id, op, extra = {}) => JSON.stringify({ messageId: id, op, ...extra }) + '\\n';
+    const say = (...a) => console.log('M ' + a.map((x) => typeof x === 'string' ? x : String(JSON.stringify(x))).join(' '));
+    const attempt = (label, f) => { try { say(label, f()); } catch (e) { say(label, e instanceof Error ? e.constructor.name + ': ' + e.message : 'plain ' + e.message); } };
     attempt('before init', () => _send(1, req(1, 'echo'), () => {}));
     attempt('port text', () => _initNetworking('x', '127.0.0.1'));
     attempt('port range', () => _initNetworking(70000, '127.0.0.1'));
