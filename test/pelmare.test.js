@@ -26,8 +26,8 @@ async function withService(body) {
 async function client(port) {
   const sock = net.connect(port, '127.0.0.1').setNoDelay(true);
   await once(sock, 'connect');
-  const c = { sock, bytes: Buffer.alloc(0), reads: 0, ended: false, text: () => c.bytes.toString() };
-  sock.on('data', (d) => ((c.bytes = Buffer.concat([c.bytes, d])), c.reads++));
+  const c = { sock, bytes: Buffer.alloc(0), ended: false, text: () => c.bytes.toString() };
+  sock.on('data', (d) => (c.bytes = Buffer.concat([c.bytes, d])));
   sock.on('end', () => (c.ended = true));
   c.lines = async (n) => (await waitFor(() => c.text().split('\n').length > n, c.text), c.text().split('\n').slice(0, n));
   c.send = (...requests) => sock.write(requests.map((r) => JSON.stringify(r) + '\n').join(''));
