@@ -28,10 +28,7 @@ const dir = scriptDir({
       _disconnectBareSocket('ws_a', 'bye', (v) => say('disconnect callback', v));
       ask('socketPush', { socketId: 'ws_a', lines: ['after closure'] });
     }
-    function cleanUp() {
-      _unRegisterNewBareSocket('ws_a');
-      _unRegisterNewBareSocket('ws_a');
-    }
+    function cleanUp() { _unRegisterNewBareSocket('ws_a'); _unRegisterNewBareSocket('ws_a'); }
     function pushAfterCleanUp() { ask('socketPush', { socketId: 'ws_a', lines: ['after clean-up'] }); }
 
     function barriers() {
@@ -46,14 +43,8 @@ const dir = scriptDir({
       _stopBareSocket('b', true, { code: 7 });
     }
     // Expiry and stop both queued before either settles: the second settle fails.
-    function racePrepare() {
-      _disableRunningAsyncCallbacks();
-      settled('race', _newWebSocketBarrier('b', 0));
-    }
-    function raceStop() {
-      _stopBareSocket('b', false);
-      _enableRunningAsyncCallbacks();
-    }
+    function racePrepare() { _disableRunningAsyncCallbacks(); settled('race', _newWebSocketBarrier('b', 0)); }
+    function raceStop() { _stopBareSocket('b', false); _enableRunningAsyncCallbacks(); }
     function closures() {
       const p = _registerNewBareSocket('c', () => {});
       say('same promise', _waitForBareSocketClosure('c', -1) === p);
@@ -71,10 +62,7 @@ const dir = scriptDir({
       attempt('gone', () => _newWebSocketBarrier('e', 5));
       attempt('stop gone', () => _stopBareSocket('e', false));
     }
-    function closeF() {
-      _registerNewBareSocket('f', () => {});
-      _disconnectBareSocket('f', 'first');
-    }
+    function closeF() { _registerNewBareSocket('f', () => {}); _disconnectBareSocket('f', 'first'); }
     function afterClosure() {
       settled('f again', _waitForBareSocketClosure('f', -1));
       settled('f second disconnect', _disconnectBareSocket('f', 'second'));
@@ -93,17 +81,13 @@ test('bare sockets: lines, barriers, closure and clean-up through the queue', ()
     'same key RegisterBareSocketConnection - you\'ve used this callback key before',
     'answer 1', 'a got 1', 'a got 2', 'a got text {"messageId":-1,"socketId":"ws_a","responseType":1, no json', 'answer 2',
     'disconnect callback bye', 'a closure resolved bye', 'a got after closure',
-    'second barrier There is already one pending await on this websocket',
-    'timed out rejected undefined',
+    'second barrier There is already one pending await on this websocket', 'timed out rejected undefined',
     'error without message wrong parameters passed to BreakBareSocketBarrier - error without error message',
-    'error object rejected {"code":7}',
-    'race rejected undefined',
-    'same promise true',
+    'error object rejected {"code":7}', 'race rejected undefined', 'same promise true',
     'c callback {"v":1}', 'c closure resolved {"v":1}', 'd closure resolved undefined',
     'gone Internal error: cannot find promise pair for websocket id',
     'stop gone 1: BreakBareSocketBarrier: cannot find promise pair for websocket id e',
-    // The closure resolver is kept: a later wait gets the settled promise, a second disconnect
-    // changes nothing.
+    // The closure resolver is kept: a later wait gets the settled promise, a second disconnect changes nothing.
     'f again resolved first', 'f second disconnect resolved first',
   ]);
   const log = r.lines.join('\n');

@@ -22,19 +22,15 @@ const hostClasses = {
 
 // Top-level pieces of a parameter list.
 function splitParams(text) {
-  const out = [];
+  const out = [''];
   let depth = 0;
-  let current = '';
   for (const c of text) {
     if ('<('.includes(c)) depth++;
     if ('>)'.includes(c)) depth--;
-    if (c === ',' && depth === 0) {
-      out.push(current);
-      current = '';
-    } else current += c;
+    if (c === ',' && depth === 0) out.push('');
+    else out[out.length - 1] += c;
   }
-  if (current.trim() !== '') out.push(current);
-  return out;
+  return out.filter((piece) => piece.trim() !== '');
 }
 
 // One spelling for the compiler's and the demangler's ways of writing a type.
@@ -54,23 +50,16 @@ function parseSignature(text) {
     if (text[close] === '(') depth++;
     if (text[close] === ')' && --depth === 0) break;
   }
-  const qualified = text.slice(0, open);
-  return {
-    name: qualified.split('::').pop(),
-    params: splitParams(text.slice(open + 1, close)).map(normalType),
-    isConst: /\)\s*const\s*$/.test(text.slice(close)),
-  };
+  return { name: text.slice(0, open).split('::').pop(), params: splitParams(text.slice(open + 1, close)).map(normalType),
+    isConst: /\)\s*const\s*$/.test(text.slice(close)) };
 }
 
 function declaredSlots() {
   const out = execFileSync(path.join(buildDir(), 'kesh-inspector-slots'), { encoding: 'utf8' });
   const classes = {};
   for (const line of out.trim().split('\n')) {
-    const [owner, slot, name, type] = line.split('\t');
-    // "R (Class::*)(params)[ const]"
-    const member = type.slice(type.indexOf('::*)') + 4);
-    const signature = parseSignature(`${name}${member}`);
-    (classes[owner] ??= []).push({ slot: Number(slot), ...signature });
+    const [owner, slot, name, type] = line.split('\t'); // type: "R (Class::*)(params)[ const]"
+    (classes[owner] ??= []).push({ slot: Number(slot), ...parseSignature(name + type.slice(type.indexOf('::*)') + 4)) });
   }
   return classes;
 }
@@ -87,10 +76,7 @@ function hostVtables() {
     const name = m[3].replaceAll('(anonymous namespace)', '{anon}');
     if (name.startsWith('vtable for ')) {
       vtables.set(name.slice(11), { address, size: m[2] ? Number(`0x${m[2]}`) : 0 });
-    } else if (!name.includes('[clone')) {
-      if (!namesAt.has(address)) namesAt.set(address, []);
-      namesAt.get(address).push(name);
-    }
+    } else if (!name.includes('[clone')) namesAt.set(address, [...(namesAt.get(address) ?? []), name]);
   }
   // The vtables are raw addresses in the file's read-only data: find their bytes through the
   // ELF section headers.
@@ -126,8 +112,7 @@ test('declared inspector slots match the vtables of this node', () => {
     const { host, complete } = hostClasses[owner];
     for (const member of members) {
       assert.ok(member.slot >= 0, `${owner}::${member.name} is not virtual`);
-      const found = hostSlot(host, member.slot).names.map(parseSignature);
-      const match = found.find((f) => f.name === member.name);
+      const match = hostSlot(host, member.slot).names.map(parseSignature).find((f) => f.name === member.name);
       assert.ok(match, `${owner}::${member.name} is declared in slot ${member.slot}, where ` +
         `${host} has ${JSON.stringify(hostSlot(host, member.slot).names)}`);
       assert.deepStrictEqual([match.params, match.isConst], [member.params, member.isConst],
@@ -144,9 +129,6 @@ test('declared inspector slots match the vtables of this node', () => {
       assert.ok(hostSlot(host, s).names.some((n) => n.includes('::~')),
         `${owner}: slot ${s} of ${host} is no destructor`);
     }
-    if (complete) {
-      assert.strictEqual(hostSlot(host, 0).slots, members.length + 2,
-        `${owner} must declare every slot of ${host}`);
-    }
+    if (complete) assert.strictEqual(hostSlot(host, 0).slots, members.length + 2, `${owner} must declare every slot of ${host}`);
   }
 });
