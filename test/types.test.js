@@ -1,6 +1,5 @@
 'use strict';
-// The declarations check scripts as an editor would: the typed example compiles, and the usual
-// mistakes in a script or a runner are found where they are.
+// The declarations check scripts as an editor would.
 const test = require('node:test');
 const assert = require('node:assert');
 const { spawnSync } = require('node:child_process');
