@@ -27,8 +27,9 @@ const dir = scriptDir({
     function report() { console.log('SEEN ' + seen.join(',')); }`,
   'stress.js': `
     let runs = 0, torn = 0, last = -1;
-    const check = (name) => (p) => { runs++; if (p.name !== name) torn++; last = p.n; };
-    Object.assign(globalThis, { a: check('a'), b: check('b'), report: () => console.log('STRESS ' + JSON.stringify({ runs, torn, last })) });`,
+    const report = () => keshConsole('STRESS ' + JSON.stringify({ runs, torn, last }), 'Info');
+    const check = (name) => (p) => { runs++; if (p.name !== name) torn++; last = p.n; if (last === 9999) report(); };
+    Object.assign(globalThis, { a: check('a'), b: check('b'), report });`,
   'garbage.js': `
     let junk = [];
     for (let i = 0; i < 300000; ++i) junk.push({ i, s: 'x' + i });
@@ -74,17 +75,21 @@ test('queued calls: order, the stopped hook, a call that queues another, a throw
 
 test('10,000 requests in a tight loop: none torn, the last one runs last', () => {
   const r = scenario(`
+    const reports = [];
+    k.onLogMessage((l) => { const m = / STRESS (.*)$/.exec(l); if (m) reports.push(m[1]); });
     k.createKeshThread(1, ${script('stress.js')}, '{}');
     k.startKeshThread(1).then(async () => {
       for (let n = 0; n < 10000; ++n) {
         const name = n % 2 ? 'b' : 'a';
         k.runFunctionFromScript(1, name, JSON.stringify({ name, n }));
       }
-      await sleep(500);
+      // The last request reports when it runs; a report asked for after it shows whether any ran later.
+      await until(() => reports.length === 1, 'the last request', 20000);
       k.runFunctionFromScript(1, 'report');
-      await sleep(200);
+      await until(() => reports.length === 2, 'the report');
       k.stopKeshThread(1);
       k.destroyKeshThreads();
+      console.log('STRESS ' + reports[1]);
     });`, { timeout: 60000 });
   assert.strictEqual(r.status, 0, r.stderr);
   const stats = JSON.parse(/STRESS (.*)\n/.exec(r.stdout)[1]);
