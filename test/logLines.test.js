@@ -1,7 +1,5 @@
 'use strict';
-// The level and component of the lines a runner sees: a scripted run of a few Vusers produces
-// them, and each row below names a line that must appear, and the only level and component any
-// line of that text may carry.
+// Each row names a line a scripted run must produce, and the only level and component it may carry.
 const test = require('node:test');
 const assert = require('node:assert');
 const path = require('node:path');

@@ -1,7 +1,6 @@
 'use strict';
 const test = require('node:test');
 const assert = require('node:assert');
-const fs = require('node:fs');
 const path = require('node:path');
 const { scenario, scriptDir } = require('./helpers');
 
@@ -9,9 +8,7 @@ const { scenario, scriptDir } = require('./helpers');
 const reporter = (body) => `
   const out = {};
   const t = (key, f) => {
-    try { out[key] = f(); } catch (e) {
-      out[key] = { thrown: e instanceof Error ? e.constructor.name + ': ' + e.message : e };
-    }
+    try { out[key] = f(); } catch (e) { out[key] = { thrown: e instanceof Error ? e.constructor.name + ': ' + e.message : e }; }
   };
   const r = (name) => keshRequire(name, __dirname);
   ${body}
@@ -29,9 +26,8 @@ function runVusers(scripts, between = '') {
       ${between}
       scripts.forEach((s, i) => k.stopKeshThread(i + 1));
       k.destroyKeshThreads();
-      // The logger's close prints its own line to standard output at the next turn: let it come
-      // first, so it cannot land inside a long line that the pipe takes in parts.
-      await new Promise((r) => setTimeout(r, 50));
+      // The logger's close prints a line at the next turn: not inside the long line below.
+      await sleep(50);
       console.log('LINES' + JSON.stringify(lines));
     }, (e) => { console.log('FAILED ' + e); k.destroyKeshThreads(); });`);
   assert.strictEqual(r.status, 0, r.stderr);

@@ -11,8 +11,7 @@ const seed = Number(process.env.KESH_STRESS_SEED || Date.now() % 100000);
 const dir = scriptDir({
   'busy.js': `
     let n = 0;
-    _enableRunningAsyncCallbacks();
-    _setTimer(true, () => { n += 1; }, 1);
+    _enableRunningAsyncCallbacks(); _setTimer(true, () => { n += 1; }, 1);
     function work(p) { n += typeof p === 'object' ? 1 : 2; }
     async function later() { await _waitForTimer(_setTimer(false, () => {}, 2)); n += 1; }`,
 });
@@ -32,10 +31,8 @@ test(`200 lifetimes of 5 Vusers with random timing and run-function floods (seed
         for (const id of ids) k.createKeshThread(id, ${script}, '{}');
         const started = Promise.all(ids.map((id) => k.startKeshThread(id)));
         if (random() < 0.5) await started;
-        const flood = Math.floor(random() * 30);
-        for (let i = 0; i < flood; ++i) {
-          const id = ids[Math.floor(random() * ids.length)];
-          k.runFunctionFromScript(id, random() < 0.5 ? 'work' : 'later', random() < 0.5 ? '{"a":1}' : 'text');
+        for (let i = Math.floor(random() * 30); i > 0; --i) {
+          k.runFunctionFromScript(ids[Math.floor(random() * ids.length)], random() < 0.5 ? 'work' : 'later', random() < 0.5 ? '{"a":1}' : 'text');
         }
         if (random() < 0.5) await sleep(Math.floor(random() * 4));
         for (const id of ids.sort(() => random() - 0.5)) k.stopKeshThread(id);

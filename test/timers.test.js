@@ -27,14 +27,10 @@ const dir = scriptDir({
     function doubleClear() {
       _disableRunningAsyncCallbacks();
       const a = _setTimer(false, () => {}, 100000);
-      attempt('clear a', () => _clearTimer(a));
-      attempt('clear a again', () => _clearTimer(a));
+      for (const label of ['clear a', 'clear a again']) attempt(label, () => _clearTimer(a));
       globalThis.fired = _setTimer(false, () => say('fired then cleared'), 0);
     }
-    function clearFired() {
-      attempt('clear fired', () => _clearTimer(fired));
-      _enableRunningAsyncCallbacks();
-    }
+    function clearFired() { attempt('clear fired', () => _clearTimer(fired)); _enableRunningAsyncCallbacks(); }
     function clearAll() {
       _disableRunningAsyncCallbacks();
       const q = _setTimer(false, () => say('queued callback still runs'), 100000);
@@ -73,8 +69,7 @@ test('timers: firing, settling, clearing, and every refusal', () => {
     'repeat settled after true true', 'no call after clear true',
     'clear a undefined', 'clear a again undefined', 'clear fired undefined', 'fired then cleared',
     'clear after clearTimers Error timer [5] is already stopped', 'wait after clearTimers undefined',
-    'unknown Error Cannot find timer [99999] to clear',
-    'negative Error Cannot find timer [4294967295] to clear',
+    'unknown Error Cannot find timer [99999] to clear', 'negative Error Cannot find timer [4294967295] to clear',
     'id text TypeError _clearTimer: the timer id must be a number',
     'no callback TypeError _setTimer: the callback must be a function',
     ...[[Infinity, 'Infinity'], [2 ** 64, '18446744073709551616']].map(([ms, text]) => `${ms} ${delay(text)}`),
