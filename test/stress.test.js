@@ -22,6 +22,8 @@ const RANDOM = `let state = SEED; const random = () => ((state = (state * 110351
 test(`200 lifetimes of 5 Vusers with random timing and run-function floods (seed ${seed})`, () => {
   const r = scenario(`
     ${RANDOM.replace('SEED', String(seed))}
+    const fds = () => require('node:fs').readdirSync('/proc/self/fd').length;
+    const counts = [];
     (async () => {
       let first = 1;
       for (let cycle = 0; cycle < 200; ++cycle) {
@@ -38,11 +40,14 @@ test(`200 lifetimes of 5 Vusers with random timing and run-function floods (seed
         for (const id of ids.sort(() => random() - 0.5)) k.stopKeshThread(id);
         await started;
         k.destroyKeshThreads();
+        counts.push(fds());
       }
-      console.log('DONE');
+      console.log('FDS ' + JSON.stringify(counts));
     })();`, { timeout: 60000 });
   assert.strictEqual(r.status, 0, r.stderr);
-  assert.match(r.stdout, /DONE/);
+  // Descriptors settle after the first lifetime and do not grow over the rest.
+  const counts = JSON.parse(/FDS (.*)/.exec(r.stdout)[1]);
+  assert.deepStrictEqual(counts.slice(1).filter((n) => n !== counts[0]), [], `descriptors per lifetime: ${counts}`);
 });
 
 test(`processes that end at random moments with Vusers running end by their own code (seed ${seed})`, async () => {
