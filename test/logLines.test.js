@@ -12,8 +12,7 @@ const dir = scriptDir({
     function ask() { _sendSync(7, JSON.stringify({ messageId: 7, op: 'echo' }) + '\\n'); }
     function badNoWait() { _sendSyncNoWait(Symbol('id'), 'x'); }
     function missingModule() { keshRequire('./absent', __dirname); }
-    function fails() { throw new Error('run-function boom'); }
-    function done() { console.log('done'); }`,
+    function fails() { throw new Error('run-function boom'); }`,
   'throws.js': `throw new Error('main boom');`,
   'syntax.js': `function (`,
 });
@@ -57,7 +56,7 @@ test('each line of a scripted run has its level and component', () => {
       for (const id of [1, 2, 3]) await k.startKeshThread(id).catch(() => {});
       for (const [call, wait] of [['connect', 'connected to Pelmare'], ['ask', 'finished waiting'],
         ['badNoWait', 'not a invalid number'], ['missingModule', 'resolve path'],
-        ['fails', 'run-function boom'], ['nowhere', "Can't find"], ['done', 'for done']]) {
+        ['fails', 'run-function boom'], ['nowhere', "Can't find"]]) {
         k.runFunctionFromScript(1, call, '');
         await seen(wait);
       }
