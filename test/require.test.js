@@ -1,7 +1,6 @@
 'use strict';
 const test = require('node:test');
 const assert = require('node:assert');
-const fs = require('node:fs');
 const path = require('node:path');
 const { scenario, scriptDir } = require('./helpers');
 
@@ -9,9 +8,7 @@ const { scenario, scriptDir } = require('./helpers');
 const reporter = (body) => `
   const out = {};
   const t = (key, f) => {
-    try { out[key] = f(); } catch (e) {
-      out[key] = { thrown: e instanceof Error ? e.constructor.name + ': ' + e.message : e };
-    }
+    try { out[key] = f(); } catch (e) { out[key] = { thrown: e instanceof Error ? e.constructor.name + ': ' + e.message : e }; }
   };
   const r = (name) => keshRequire(name, __dirname);
   ${body}
@@ -29,9 +26,8 @@ function runVusers(scripts, between = '') {
       ${between}
       scripts.forEach((s, i) => k.stopKeshThread(i + 1));
       k.destroyKeshThreads();
-      // The logger's close prints its own line to standard output at the next turn: let it come
-      // first, so it cannot land inside a long line that the pipe takes in parts.
-      await new Promise((r) => setTimeout(r, 50));
+      // The logger's close prints a line at the next turn: not inside the long line below.
+      await sleep(50);
       console.log('LINES' + JSON.stringify(lines));
     }, (e) => { console.log('FAILED ' + e); k.destroyKeshThreads(); });`);
   assert.strictEqual(r.status, 0, r.stderr);
@@ -46,15 +42,12 @@ test('resolution: files, directories, package.json main, node_modules deepest fi
       'fs.js', './fs', 'deep', 'own', './nested', './nomain', './maindir', './idx', './idx2',
       ${JSON.stringify('/')} + __dirname.slice(1) + 'b.js', './missing']) t(n, () => r(n));`),
     'a': "module.exports = 'a'", 'a.js': "module.exports = 'a.js'", 'a.json': '"a.json"',
-    'b.js': "module.exports = 'b.js'", 'b.json': '"b.json"',
-    'data.json': '[1, 2]', 'list.json': '[3, 4]',
-    'fs.js': "module.exports = 'local fs'",
-    'node_modules/fs.js': "module.exports = 'modules fs'",
+    'b.js': "module.exports = 'b.js'", 'b.json': '"b.json"', 'data.json': '[1, 2]', 'list.json': '[3, 4]',
+    'fs.js': "module.exports = 'local fs'", 'node_modules/fs.js': "module.exports = 'modules fs'",
     'node_modules/own.js': "module.exports = 'top own'",
     'node_modules/deep/index.js': "module.exports = { own: require('own'), mid: require('mid') }",
     'node_modules/deep/node_modules/own.js': "module.exports = 'deep own'",
-    'node_modules/mid/package.json': '{"name": "mid", "main": "lib/start"}',
-    'node_modules/mid/lib/start.js': "module.exports = 'mid main'",
+    'node_modules/mid/package.json': '{"name": "mid", "main": "lib/start"}', 'node_modules/mid/lib/start.js': "module.exports = 'mid main'",
     'nested/package.json': '{"config": {"main": "inner.js"}, "main": "outer.js"}',
     'nested/inner.js': "module.exports = 'inner'", 'nested/outer.js': "module.exports = 'outer'",
     'nomain/package.json': '{"name": "nomain"}', 'nomain/index.js': "module.exports = 'index'",
@@ -88,16 +81,12 @@ test('module runs: exports, JSON, UTF-8 mark, parent, failures and their kinds, 
       t('nullLoad', () => keshRequire('./five', __dirname, null));
       t('oneArg', () => keshRequire('./five'));
       t('badJson', () => r('./bad.json'));
-      t('rejects', () => r('./rejects'));
-      t('self', () => r('./self'));
-      t('cycle', () => r('./cycle1'));
-      t('syntax', () => r('./syntax'));
+      for (const n of ['rejects', 'self', 'cycle1', 'syntax']) t(n, () => r('./' + n));
       t('notRestored', () => [__filename, __dirname]);`),
     'five.js': 'module.exports = 5',
     'once.js': 'global.runs = (global.runs || 0) + 1; module.exports = { runs: global.runs };',
     'throws.js': "global.throws = (global.throws || 0) + 1; throw new Error('boom ' + global.throws);",
-    'bom.json': '\uFEFF{"k": 1}',
-    'bom.js': "\uFEFFmodule.exports = 'bom js';",
+    'bom.json': '\uFEFF{"k": 1}', 'bom.js': "\uFEFFmodule.exports = 'bom js';",
     'sub/mid.js': 'module.exports = { mid: [module.parent.filename, module.parent.path, ' +
       "module.filename, module.path], leaf: require('./leaf') };",
     'sub/leaf.js': 'module.exports = [module.parent.filename, module.parent.path, __filename, __dirname];',
@@ -105,70 +94,52 @@ test('module runs: exports, JSON, UTF-8 mark, parent, failures and their kinds, 
     'bad.json': '{"k": }',
     'rejects.js': "const p = Promise.reject(new Error('late')); p.catch(() => {}); return p;",
     'self.js': "module.exports = require('./self');",
-    'cycle1.js': "module.exports = require('./cycle2');",
-    'cycle2.js': "module.exports = require('./cycle1');",
+    'cycle1.js': "module.exports = require('./cycle2');", 'cycle2.js': "module.exports = require('./cycle1');",
     'syntax.js': 'var x = ;',
   });
   const main = path.join(dir, 'main.js');
-  const { results: [out], lines } = runVusers([main]);
+  const { results: [out] } = runVusers([main]);
+  const { badJson, rejects, self, cycle1, syntax, ...rest } = out;
   const badArgs = { thrown: 'Error: Require::RequireFunction - Expects at least 2 arguments: 1) file name(string), 2) dir name(string)' };
-  assert.deepStrictEqual(out.five, 5);
-  assert.deepStrictEqual(out.once, [{ runs: 1 }, true]);
-  assert.deepStrictEqual([out.throw1, out.throw2], [{ thrown: 'Error: boom 1' }, { thrown: 'Error: boom 2' }]);
-  assert.deepStrictEqual(out.restored, [main, `${dir}/`]);
-  assert.deepStrictEqual(out.bom, [{ k: 1 }, 'bom js']);
-  assert.deepStrictEqual(out.parent, { mid: [main, `${dir}/`, 'mid.js', `${dir}/sub/`],
-    leaf: ['mid.js', `${dir}/sub/`, 'leaf.js', `${dir}/sub/`] });
-  assert.deepStrictEqual(out.load, { x: 1 });
-  assert.deepStrictEqual([out.nullLoad, out.oneArg], [badArgs, badArgs]);
-  assert.match(out.badJson.thrown, /^SyntaxError: /);
-  assert.match(out.rejects.thrown, /^Error: Error running required file: .*late/);
-  for (const e of [out.self, out.cycle]) assert.match(JSON.stringify(e), /Maximum call stack size exceeded/);
+  assert.deepStrictEqual(rest, {
+    five: 5, once: [{ runs: 1 }, true], throw1: { thrown: 'Error: boom 1' }, throw2: { thrown: 'Error: boom 2' },
+    restored: [main, `${dir}/`], bom: [{ k: 1 }, 'bom js'],
+    parent: { mid: [main, `${dir}/`, 'mid.js', `${dir}/sub/`], leaf: ['mid.js', `${dir}/sub/`, 'leaf.js', `${dir}/sub/`] },
+    load: { x: 1 }, nullLoad: badArgs, oneArg: badArgs, notRestored: ['syntax.js', `${dir}/`],
+  });
+  assert.match(badJson.thrown, /^SyntaxError: /);
+  assert.match(rejects.thrown, /^Error: Error running required file: .*late/);
+  for (const e of [self, cycle1]) assert.match(JSON.stringify(e), /Maximum call stack size exceeded/);
   // A compile error reaches the script as the plain record of the error, not as an Error.
-  assert.strictEqual(out.syntax.thrown.fileName, path.join(dir, 'syntax.js'));
-  assert.strictEqual(out.syntax.thrown.lineNumber, 1);
-  assert.strictEqual(out.syntax.thrown.columnNumber, 142 + 'var x = '.length);
-  assert.match(out.syntax.thrown.message, /SyntaxError/);
-  assert.deepStrictEqual(out.notRestored, ['syntax.js', `${dir}/`]);
-  const runs = (name) => lines.filter((l) => l.endsWith(`running required file ${path.join(dir, name)}`)).length;
-  assert.deepStrictEqual([runs('once.js'), runs('throws.js'), runs('five.js')], [1, 2, 1]);
+  assert.deepStrictEqual([syntax.thrown.fileName, syntax.thrown.lineNumber, syntax.thrown.columnNumber],
+    [path.join(dir, 'syntax.js'), 1, 142 + 'var x = '.length]);
+  assert.match(syntax.thrown.message, /SyntaxError/);
 });
 
-test('Vusers share file texts and code: first loads at once, then a later Vuser', () => {
+test('Vusers share file texts and code, early or late; a main script goes by its base name, a module by its full path', () => {
   const dir = scriptDir({
     'main.js': "console.log('GOT ' + keshRequire('./shared', __dirname));",
     'shared.js': "global.n = (global.n || 0) + 1; module.exports = 'v1 ' + vuser_id + ' ' + global.n;",
-  });
-  const main = path.join(dir, 'main.js');
-  const { stdout, lines } = runVusers([main, main, main, main], `
-    require('fs').writeFileSync(${JSON.stringify(path.join(dir, 'shared.js'))}, "module.exports = 'v2'");
-    k.createKeshThread(5, ${JSON.stringify(main)}, '{}');
-    await k.startKeshThread(5);
-    k.stopKeshThread(5);`);
-  const got = [...stdout.matchAll(/^GOT (.*)$/gm)].map((m) => m[1]).sort();
-  // The changed file is not read again: the fifth Vuser runs the cached text with its own state.
-  assert.deepStrictEqual(got, [1, 2, 3, 4, 5].map((id) => `v1 ${id} 1`));
-  assert.strictEqual(lines.filter((l) => /running required file .*shared\.js$/.test(l)).length, 5);
-});
-
-test('a main script goes by its base name in every Vuser, early or late; as a module, by its full path', () => {
-  const dir = scriptDir({
     'named.js': `function where() { return new Error().stack.split('\\n')[1].trim(); }
       console.log('AT ' + vuser_id + ' ' + where());
       function boom() { null.x; }`,
     'user.js': "keshRequire('./named', __dirname);",
   });
-  const named = path.join(dir, 'named.js');
-  const { stdout, lines } = runVusers([named, named, named, path.join(dir, 'user.js')], `
-    k.createKeshThread(5, ${JSON.stringify(named)}, '{}');
-    await k.startKeshThread(5);
-    k.runFunctionFromScript(5, 'boom', '');
-    for (const deadline = Date.now() + 5000; Date.now() < deadline && !lines.some((l) => l.includes('"fileName"'));) {
-      await new Promise((r) => setTimeout(r, 10));
-    }
-    k.stopKeshThread(5);`);
+  const [main, named] = [path.join(dir, 'main.js'), path.join(dir, 'named.js')];
+  const { stdout, lines } = runVusers([main, main, main, named, named, path.join(dir, 'user.js')], `
+    require('fs').writeFileSync(${JSON.stringify(path.join(dir, 'shared.js'))}, "module.exports = 'v2'");
+    k.createKeshThread(7, ${JSON.stringify(main)}, '{}');
+    k.createKeshThread(8, ${JSON.stringify(named)}, '{}');
+    await Promise.all([k.startKeshThread(7), k.startKeshThread(8)]);
+    k.runFunctionFromScript(8, 'boom', '');
+    await until(() => lines.some((l) => l.includes('"fileName"')), 'the failure line');
+    k.stopKeshThread(7);
+    k.stopKeshThread(8);`);
+  // The changed file is not read again: the late Vuser runs the cached text with its own state.
+  const got = [...stdout.matchAll(/^GOT (.*)$/gm)].map((m) => m[1]).sort();
+  assert.deepStrictEqual(got, [1, 2, 3, 7].map((id) => `v1 ${id} 1`));
   const at = Object.fromEntries([...stdout.matchAll(/^AT (\d+) at where \((.*):1:\d+\)$/gm)].map((m) => [m[1], m[2]]));
-  assert.deepStrictEqual(at, { 1: 'named.js', 2: 'named.js', 3: 'named.js', 4: named, 5: 'named.js' });
+  assert.deepStrictEqual(at, { 4: 'named.js', 5: 'named.js', 6: named, 8: 'named.js' });
   const failure = lines.find((l) => l.includes('Error calling Vuser function'));
   assert.match(failure, /"fileName":"named\.js"/);
   assert.match(failure, /at boom \(named\.js:3:\d+\)/);
