@@ -36,12 +36,6 @@ struct NetworkMessage {
   ~NetworkMessage() { callback.Reset(); }
 };
 
-// One received line on its way to the script.
-struct NetworkQueueEntry {
-  std::shared_ptr<NetworkMessage> message;
-  InternalMessageType type;
-};
-
 // An answer that no waiting message matches: dropped, not a failure.
 class no_match_exception : public std::runtime_error {
  public:

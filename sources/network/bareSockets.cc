@@ -256,7 +256,7 @@ void ResolveBareSocketPromiseCallback(const v8::FunctionCallbackInfo<v8::Value>&
     std::string failure;
     {
       // The reactions of the settled promise run when this scope closes.
-      node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
+      node::CallbackScope callbackScope(isolate, here.callbackResource(), {0, 0});
       v8::TryCatch tryCatch(isolate);
       v8::Local<v8::Value> fields[4];
       bool readable = info[0]->IsObject();

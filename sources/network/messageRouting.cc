@@ -1,8 +1,10 @@
 #include <node.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
+#include "base/hostCompat.h"
 #include "network/NetworkManager.h"
 #include "network/bareSockets.h"
 #include "services/KeshLogger.h"
@@ -64,8 +66,7 @@ void routeLine(EnteredVuser& here, NetworkManager& manager, std::string_view lin
     return;
   }
   std::lock_guard<std::mutex> lock(vuser.network_queue_mutex_);
-  vuser.network_queue_.push_back(
-      std::make_shared<NetworkQueueEntry>(NetworkQueueEntry{message, type}));
+  vuser.network_queue_.push_back(NetworkQueueEntry{std::move(message), type});
 }
 
 }  // namespace
@@ -101,11 +102,13 @@ bool send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& me
 void readIdAndPayload(EnteredVuser& here, const v8::FunctionCallbackInfo<v8::Value>& info,
                       const char* payloadError, int32_t* id, std::string* payload) {
   v8::Maybe<int64_t> number = info[0]->IntegerValue(here.context());
-  v8::String::Utf8Value text(here.isolate(), info[1]);
+  v8::Local<v8::String> text;
+  bool readable = info[1]->ToString(here.context()).ToLocal(&text);
   if (number.IsNothing()) throw ScriptError(kComponent, "The message id is not a invalid number");
-  if (*text == nullptr) throw ScriptError(kComponent, payloadError);
+  if (!readable) throw ScriptError(kComponent, payloadError);
   *id = static_cast<int32_t>(number.FromJust());
-  *payload = *text;  // the payload ends at its first NUL
+  utf8Into(here.isolate(), text, payload);
+  payload->resize(std::strlen(payload->c_str()));  // the payload ends at its first NUL
 }
 
 // The check every sending function makes first: without a connection a write has no stream,
@@ -167,16 +170,16 @@ void ProcessNetworkMessages(ThreadComponent* tc) {
   v8::Local<v8::Context> context = isolate->GetCurrentContext();
   NetworkManager* manager = tc->network_;
   while (!tc->network_queue_.empty()) {
-    std::shared_ptr<NetworkQueueEntry> entry;
+    NetworkQueueEntry entry;
     {
       std::lock_guard<std::mutex> lock(tc->network_queue_mutex_);
       entry = std::move(tc->network_queue_.front());
       tc->network_queue_.pop_front();
     }
-    NetworkMessage* message = entry->message.get();
+    NetworkMessage* message = entry.message.get();
     v8::HandleScope scope(isolate);
     AsyncCallbackEntry callback;
-    if (entry->type == InternalMessageType::kAsyncResponse) {
+    if (entry.type == InternalMessageType::kAsyncResponse) {
       v8::Local<v8::Value> parsed;
       if (!v8::JSON::Parse(context, ToV8String(isolate, message->response)).ToLocal(&parsed)) {
         parsed = v8::Undefined(isolate);

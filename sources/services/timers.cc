@@ -71,7 +71,7 @@ void SettleTimerPromise(const v8::FunctionCallbackInfo<v8::Value>& info) {
     ThreadComponent* tc = &here.vuser();
     const char* failure = nullptr;
     {
-      node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
+      node::CallbackScope callbackScope(isolate, here.callbackResource(), {0, 0});
       v8::TryCatch tryCatch(isolate);
       v8::Local<v8::Value> idValue;
       v8::Local<v8::Value> rejectValue;

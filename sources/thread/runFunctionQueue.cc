@@ -84,7 +84,7 @@ std::string callRunFunction(EnteredVuser& here, const std::string& name, const s
   }
   // Reports are made only once the callback scope has closed: an exception that reaches the
   // scope's own handler takes Node's uncaught-exception road, which ends the Vuser.
-  node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
+  node::CallbackScope callbackScope(isolate, here.callbackResource(), {0, 0});
   v8::TryCatch inner(isolate);
   v8::Local<v8::Value> result;
   bool called = false;
@@ -177,7 +177,7 @@ void runAsyncCallbacks(ThreadComponent* tc, bool fromScript) {
       if (!entry || entry->function_.IsEmpty()) continue;
       ++tc->script_calls_;
       v8::HandleScope callScope(isolate);
-      node::CallbackScope callbackScope(isolate, v8::Object::New(isolate), {0, 0});
+      node::CallbackScope callbackScope(isolate, here.callbackResource(), {0, 0});
       v8::TryCatch inner(isolate);
       v8::Local<v8::Value> argument = entry->argument_.IsEmpty()
                                           ? v8::Object::New(isolate).As<v8::Value>()

@@ -31,6 +31,15 @@ class EnteredVuser {
   v8::Isolate* isolate() const { return context_->GetIsolate(); }
   v8::Local<v8::Context> context() const { return context_; }
   ThreadComponent& vuser() const { return *vuser_; }
+  // The resource a node::CallbackScope of this Vuser names: the same object for every call, so a
+  // call allocates none.
+  v8::Local<v8::Object> callbackResource() const {
+    v8::Isolate* isolate = context_->GetIsolate();
+    if (vuser_->callback_resource_.IsEmpty()) {
+      vuser_->callback_resource_.Reset(isolate, v8::Object::New(isolate));
+    }
+    return vuser_->callback_resource_.Get(isolate);
+  }
 
  private:
   static v8::Local<v8::Context> contextOf(v8::Isolate* isolate, ThreadComponent* vuser) {

@@ -8,14 +8,10 @@ namespace kesh {
 
 AsyncCallbackEntry makeAsyncCallback(v8::Isolate* isolate, v8::Local<v8::Function> function,
                                      v8::Local<v8::Value> argument) {
-  auto* callback = new AsyncCallback();
+  auto callback = std::make_unique<AsyncCallback>();
   callback->function_.Reset(isolate, function);
   callback->argument_.Reset(isolate, argument);
-  return AsyncCallbackEntry(callback, [](AsyncCallback* released) {
-    released->function_.Reset();
-    released->argument_.Reset();
-    delete released;
-  });
+  return callback;
 }
 
 void wakeVuser(ThreadComponent& vuser) {

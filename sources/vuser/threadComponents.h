@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -19,21 +18,26 @@ namespace kesh {
 
 struct FileRecord;
 struct TimerHandle;
-struct NetworkQueueEntry;
 struct BareSocket;
 struct NetworkManager;
+struct NetworkMessage;
+enum class InternalMessageType : int32_t;
 class Agent;
 
-// One queued script call, made on the Vuser thread where a script may run.
+// One queued script call, made and released on the Vuser thread where a script may run.
 struct AsyncCallback {
-  v8::Persistent<v8::Function> function_;
-  v8::Persistent<v8::Value> argument_;
+  v8::Global<v8::Function> function_;
+  v8::Global<v8::Value> argument_;
 };
-// The producer of a call decides how its record is released.
-using AsyncCallbackEntry = std::unique_ptr<AsyncCallback, std::function<void(AsyncCallback*)>>;
-// A call of `function` with `argument`, released with its handles on the Vuser thread.
+using AsyncCallbackEntry = std::unique_ptr<AsyncCallback>;
 AsyncCallbackEntry makeAsyncCallback(v8::Isolate* isolate, v8::Local<v8::Function> function,
                                      v8::Local<v8::Value> argument);
+
+// One received line on its way to the script.
+struct NetworkQueueEntry {
+  std::shared_ptr<NetworkMessage> message;
+  InternalMessageType type;
+};
 
 // The record of one Vuser: what the main thread and the Vuser thread share, and what the Vuser
 // thread keeps between calls. Isolate data slot 0 of the Vuser's isolate leads back here. The
@@ -61,6 +65,9 @@ struct ThreadComponent {
   node::MultiIsolatePlatform* platform_ = nullptr;
   node::Environment* environment_ = nullptr;
   v8::Global<v8::Context> context_;
+  // What Node's callback scopes of this Vuser's calls name as their resource: one object made
+  // once, instead of one per call.
+  v8::Global<v8::Object> callback_resource_;
   NetworkManager* network_ = nullptr;
   Agent* inspector_agent_ = nullptr;
   int run_function_depth_ = 0;
@@ -70,7 +77,7 @@ struct ThreadComponent {
   std::mutex async_callbacks_mutex_;
   std::deque<AsyncCallbackEntry> async_callbacks_;
   std::mutex network_queue_mutex_;
-  std::deque<std::shared_ptr<NetworkQueueEntry>> network_queue_;
+  std::deque<NetworkQueueEntry> network_queue_;
   std::map<int32_t, std::shared_ptr<TimerHandle>> timers_;
   int32_t next_timer_id_ = 0;
   std::unordered_map<std::string, std::shared_ptr<BareSocket>> bare_sockets_;

@@ -103,6 +103,8 @@ void VuserRuntime::freeIsolate() {
     if (isolate_data_ != nullptr) node::FreeIsolateData(isolate_data_);
     environment_ = nullptr;
     isolate_data_ = nullptr;
+    // Only now: the environment's clean-up may still call into the script.
+    vuser_.callback_resource_.Reset();
     vuser_.environment_ = nullptr;
   }
   bool finished = false;
