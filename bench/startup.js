@@ -1,7 +1,7 @@
 #!/usr/bin/env node
 // Start-up time and idle memory of Vusers, against worker_threads running the same script in
 // the same run. Each figure comes from a fresh child process, so caches and heaps start cold.
-//   node bench/startup.js [--counts 1,10,50] [--rounds 1]
+//   node bench/startup.js [--counts 1,10,50] [--rounds 1] [--scripts small,big]
 'use strict';
 const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -13,6 +13,7 @@ const { values } = parseArgs({
   options: {
     counts: { type: 'string', default: '1,10,50' },
     rounds: { type: 'string', default: '1' },
+    scripts: { type: 'string', default: 'small,big' },
     child: { type: 'string' },
   },
 });
@@ -123,7 +124,8 @@ function main() {
     'ratio = Vuser / worker (below 1 means Vusers win)');
   console.log('script | N | figure | Vusers | workers | ratio');
   try {
-    for (const [name, script] of Object.entries(scripts)) {
+    const chosen = values.scripts.split(',');
+    for (const [name, script] of Object.entries(scripts).filter(([name]) => chosen.includes(name))) {
       for (const n of counts) {
         const runs = { kesh: [], worker: [] };
         for (let r = 0; r < rounds; ++r) {

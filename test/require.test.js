@@ -143,4 +143,8 @@ test('Vusers share file texts and code, early or late; a main script goes by its
   const failure = lines.find((l) => l.includes('Error calling Vuser function'));
   assert.match(failure, /"fileName":"named\.js"/);
   assert.match(failure, /at boom \(named\.js:3:\d+\)/);
+  // Each cache is made again once, after its first run, however many Vusers ran it at once (named.js
+  // as a module is no wrapped module: nothing of it runs).
+  const remade = lines.map((l) => /code cache of (.*) made again after its first run/.exec(l)?.[1]).filter(Boolean);
+  assert.deepStrictEqual(remade.sort(), ['main.js', 'named.js', 'user.js', path.join(dir, 'shared.js')].sort());
 });

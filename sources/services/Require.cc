@@ -189,6 +189,7 @@ struct RequireCall {
   v8::Local<v8::String> savedFilename;
   v8::Local<v8::String> newFilename;
   v8::Local<v8::String> newDirname;
+  v8::Local<v8::UnboundScript> script;  // what compile made, for the code cache once it ran
 
   // The module's text, from the file cache or read now into it; null with the error thrown.
   FileRecord* loadRecord(std::unique_ptr<FileRecord> resolved,
@@ -253,6 +254,7 @@ struct RequireCall {
       restore->dismiss();
       return {};
     }
+    script = unbound;
     v8::Local<v8::Value> completion;
     if (!unbound->BindToCurrentContext()->Run(context).ToLocal(&completion) ||
         tryCatch.HasCaught()) {
@@ -330,7 +332,7 @@ bool readArguments(const v8::FunctionCallbackInfo<v8::Value>& info, RequireCall*
 v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& info,
                                    const v8::TryCatch& tryCatch) {
   v8::Isolate* isolate = info.GetIsolate();
-  RequireCall call{isolate, isolate->GetCurrentContext(), tryCatch, {}, {}, {}, {}, {}, {}, {}};
+  RequireCall call{isolate, isolate->GetCurrentContext(), tryCatch, {}, {}, {}, {}, {}, {}, {}, {}};
   if (!readArguments(info, &call)) return {};
   v8::Local<v8::String> dirnameKey = ToV8String(isolate, "__dirname", StringType::kInternalized);
   v8::Local<v8::String> filenameKey = ToV8String(isolate, "__filename", StringType::kInternalized);
@@ -379,6 +381,10 @@ v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& in
     // Not a wrapped module: nothing runs and nothing is stored.
     if (wrapper.IsEmpty() || !wrapper->IsFunction()) return {};
     result = call.run(*record, wrapper.As<v8::Function>(), &restore);
+    if (!result.IsEmpty()) {
+      ScriptCacheManager::instance().rememberRun(record->fullPath.get(), record->fullPath.get(),
+                                                 call.script);
+    }
   }
   if (!result.IsEmpty()) loaded.Reset(isolate, result);
   return result;

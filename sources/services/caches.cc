@@ -103,7 +103,8 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
   v8::ScriptOrigin origin = scriptOrigin(isolate, name);
   v8::ScriptCompiler::Source plain(source, origin);
   v8::Local<v8::UnboundScript> unbound;
-  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &plain, v8::ScriptCompiler::kEagerCompile)
+  if (!v8::ScriptCompiler::CompileUnboundScript(isolate, &plain,
+                                                v8::ScriptCompiler::kNoCompileOptions)
            .ToLocal(&unbound) ||
       tryCatch.HasCaught()) {
     // The caller's own compilation reports the same error where the script can see it.
@@ -127,6 +128,33 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
   entry->compiled = compiled;
   entryLock.unlock();
   return compiled;
+}
+
+void ScriptCacheManager::rememberRun(const std::string& fullPath, const char* resourceName,
+                                     v8::Local<v8::UnboundScript> ran) {
+  ScriptCacheEntry* entry;
+  {
+    std::shared_lock<std::shared_mutex> lock(lock_);
+    auto it = scripts_.find(keyOf(fullPath, resourceName));
+    if (it == scripts_.end()) return;
+    entry = it->second.get();
+  }
+  {
+    std::unique_lock<std::shared_mutex> entryLock(entry->lock_);
+    if (entry->remade || entry->compiled == nullptr) return;
+    entry->remade = true;
+  }
+  v8::ScriptCompiler::CachedData* data = v8::ScriptCompiler::CreateCodeCache(ran);
+  if (data == nullptr) return;  // the first cache serves on
+  hostWrote(data, sizeof(*data));
+  hostWrote(data->data, static_cast<size_t>(data->length));
+  // Only the cached data of a Source is read, so this one carries no text.
+  auto* compiled = new v8::ScriptCompiler::Source(v8::Local<v8::String>(), data);
+  KeshLogger::logf(LogLevel::kDebug, component::kScriptCacheManager,
+                   "code cache of % made again after its first run: % bytes", resourceName,
+                   data->length);
+  std::unique_lock<std::shared_mutex> entryLock(entry->lock_);
+  entry->compiled = compiled;
 }
 
 v8::MaybeLocal<v8::UnboundScript> ScriptCacheManager::compile(

@@ -25,14 +25,21 @@ struct FileCacheManager {
 };
 
 struct ScriptCacheEntry {
-  // Null while filling, and for good when filling failed. Only its cached data is read.
+  // Null while filling, and for good when filling failed. Only its cached data is read. Replaced
+  // once, by the cache of the first Vuser that ran the script; the Source it replaces is never
+  // destroyed, since compiles that began before may still read it.
   v8::ScriptCompiler::Source* compiled = nullptr;
-  std::shared_mutex lock_;  // exclusive while the entry is filled
+  bool remade = false;
+  std::shared_mutex lock_;  // exclusive while the entry is filled or replaced
 };
 
-// Process-wide V8 code caches: one eager compile per script and name, consumed by every isolate.
-// The name is part of the key because V8 keeps the name a cache was made under: a main script
-// goes by its base name, the same file required as a module by its full path.
+// Process-wide V8 code caches, one per script and name, consumed by every isolate. The first is
+// made by a plain compile, which holds the top level and leaves functions to be compiled when
+// first called: an eager one would put every function of a big script or library in every
+// Vuser's heap, used or not. Once a Vuser has run the script, the cache is made again from its
+// compiled script, and holds what that run compiled. The name is part of the key because V8 keeps
+// the name a cache was made under: a main script goes by its base name, the same file required as
+// a module by its full path.
 struct ScriptCacheManager {
   std::shared_mutex lock_;
   std::unordered_map<std::string, std::unique_ptr<ScriptCacheEntry>> scripts_;
@@ -41,6 +48,12 @@ struct ScriptCacheManager {
   v8::ScriptCompiler::Source* find(const std::string& fullPath, const char* resourceName);
   v8::ScriptCompiler::Source* getOrCompile(v8::Isolate* isolate, const FileRecord& record,
                                            const char* resourceName);
+
+  // Vuser thread, after `ran` (compiled from this manager's entry) has run for the first time
+  // without failure: the entry's cache is made again from it. Only the first caller per entry
+  // does so; later ones return at once.
+  void rememberRun(const std::string& fullPath, const char* resourceName,
+                   v8::Local<v8::UnboundScript> ran);
 
   // Compiles `text` named `resourceName` in the caller's isolate, consuming the entry's code
   // cache when there is one (`cached` may be null). Each compile reads the cache's bytes through

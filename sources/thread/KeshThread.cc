@@ -243,6 +243,9 @@ bool KeshThread::compileAndRun() {
   }
   KeshLogger::log(LogLevel::kDebug, kComponent, vuser_id_,
                   "finished script initialization successfully");
+  if (cached != nullptr) {
+    ScriptCacheManager::instance().rememberRun(file->fullPath.get(), file->fileName, unbound);
+  }
   return true;
 }
 
