@@ -5,6 +5,7 @@
 // fresh child process; medians over rounds.
 //   node bench/messaging.js [--users 1,10,50,200] [--rounds 5] [--seconds 3] [--warmup 0.5]
 //                           [--probes all|none|load,runfn,starts,sync] [--node-flags "..."]
+//                           [--busy N]  (load: only N of the users send, the others stay idle)
 'use strict';
 const { spawn, spawnSync } = require('node:child_process');
 const fs = require('node:fs');
@@ -20,6 +21,7 @@ const { values } = parseArgs({
     warmup: { type: 'string', default: '0.5' }, // seconds of load before the measured window
     probes: { type: 'string', default: 'all' },
     'node-flags': { type: 'string', default: '' },
+    busy: { type: 'string' },
     child: { type: 'string' },
   },
 });
@@ -182,8 +184,8 @@ function makeUsers(kind, { n, port, heapMB = 0, dir, firstId = 1 }) {
           await kesh.startKeshThread(id);
         }
       },
-      tell(what, param = '') {
-        for (const id of ids) kesh.runFunctionFromScript(id, what, param);
+      tell(what, param = '', count = ids.length) {
+        for (const id of ids.slice(0, count)) kesh.runFunctionFromScript(id, what, param);
       },
       async collect(what, param = '') {
         state.results.length = 0;
@@ -210,8 +212,8 @@ function makeUsers(kind, { n, port, heapMB = 0, dir, firstId = 1 }) {
         w.once('error', reject);
       })));
     },
-    tell(what) {
-      for (const w of workers) w.postMessage(what);
+    tell(what, param = '', count = workers.length) {
+      for (const w of workers.slice(0, count)) w.postMessage(what);
     },
     async collect(what) {
       const answers = workers.map((w) => new Promise((r) => w.once('message', r)));
@@ -225,11 +227,11 @@ function makeUsers(kind, { n, port, heapMB = 0, dir, firstId = 1 }) {
 }
 
 const experiments = {
-  // Throughput, CPU and latency with every user busy.
-  async load(kind, { n, port, seconds, dir, warmup = 0.5 }) {
+  // Throughput, CPU and latency with every user (or the first `busy`) busy.
+  async load(kind, { n, port, seconds, dir, warmup = 0.5, busy = n }) {
     const users = makeUsers(kind, { n, port, dir });
     await users.start();
-    users.tell('go');
+    users.tell('go', '', busy);
     await sleep(warmup * 1000);
     users.tell('mark');
     const cpu0 = cpuMicros();
@@ -350,15 +352,16 @@ async function main() {
     if (probes.includes('load')) {
       console.log('users | req/s A | req/s B | A/B | CPU us/req A | B | A/B | p99 ms A | B | lines/req A | errors');
       for (const n of users) {
+        const busy = Math.min(n, Number(values.busy ?? n));
         const got = { kesh: [], worker: [] };
         for (let r = 0; r < rounds; ++r) {
           for (const kind of ['kesh', 'worker']) {
-            got[kind].push(runChild({ experiment: 'load', kind, n, seconds, ...base }));
+            got[kind].push(runChild({ experiment: 'load', kind, n, seconds, busy, ...base }));
           }
         }
         const m = (kind, key) => median(got[kind].map((x) => x[key]));
         const errors = [...got.kesh, ...got.worker].reduce((s, x) => s + x.errors, 0);
-        console.log([n, fmt(m('kesh', 'rps'), 0), fmt(m('worker', 'rps'), 0),
+        console.log([busy < n ? `${n} (${busy} busy)` : n, fmt(m('kesh', 'rps'), 0), fmt(m('worker', 'rps'), 0),
           ratio(m('kesh', 'rps'), m('worker', 'rps')), fmt(m('kesh', 'cpuPerRequest')),
           fmt(m('worker', 'cpuPerRequest')), ratio(m('kesh', 'cpuPerRequest'), m('worker', 'cpuPerRequest')),
           fmt(m('kesh', 'p99'), 2), fmt(m('worker', 'p99'), 2), fmt(m('kesh', 'linesPerRequest'), 2),
