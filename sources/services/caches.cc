@@ -154,6 +154,7 @@ void ScriptCacheManager::rememberRun(const std::string& fullPath, const char* re
                    "code cache of % made again after its first run: % bytes", resourceName,
                    data->length);
   std::unique_lock<std::shared_mutex> entryLock(entry->lock_);
+  entry->replaced = entry->compiled;
   entry->compiled = compiled;
 }
 

@@ -26,9 +26,10 @@ struct FileCacheManager {
 
 struct ScriptCacheEntry {
   // Null while filling, and for good when filling failed. Only its cached data is read. Replaced
-  // once, by the cache of the first Vuser that ran the script; the Source it replaces is never
-  // destroyed, since compiles that began before may still read it.
+  // once, by the cache of the first Vuser that ran the script.
   v8::ScriptCompiler::Source* compiled = nullptr;
+  // What `compiled` replaced, never destroyed: compiles that began before may still read it.
+  v8::ScriptCompiler::Source* replaced = nullptr;
   bool remade = false;
   std::shared_mutex lock_;  // exclusive while the entry is filled or replaced
 };
