@@ -20,9 +20,9 @@ const until = async (test, what = 'the awaited event', ms = 5000) => {
 };
 `;
 
-function scenario(body, { timeout = 30000 } = {}) {
+function scenario(body, { timeout = 30000, env = {} } = {}) {
   const code = `${childPrelude}${body}`;
-  const r = spawnSync(process.execPath, ['-e', code], { encoding: 'utf8', timeout });
+  const r = spawnSync(process.execPath, ['-e', code], { encoding: 'utf8', timeout, env: { ...process.env, ...env } });
   return { status: r.status, signal: r.signal, stdout: r.stdout, stderr: r.stderr };
 }
 

@@ -148,3 +148,31 @@ test('Vusers share file texts and code, early or late; a main script goes by its
   const remade = lines.map((l) => /code cache of (.*) made again after its first run/.exec(l)?.[1]).filter(Boolean);
   assert.deepStrictEqual(remade.sort(), ['main.js', 'named.js', 'user.js', path.join(dir, 'shared.js')].sort());
 });
+
+test('modules that many Vusers load at once keep their text for the functions compiled later', () => {
+  // All Vusers load the same modules at the same moment, so that some lose the race to the file
+  // cache. Each module reaches V8 over the cache's text, and its function compiles only when
+  // called, after the load; freed memory reads as 0xa5 bytes.
+  const names = Array.from({ length: 16 }, (_, i) => `m${i}`);
+  const files = { 'main.js': `function load() {
+    const mods = ${JSON.stringify(names)}.map((name) => keshRequire('./' + name, __dirname));
+    keshConsole('SUM ' + mods.reduce((sum, m) => sum + m.later(1), 0), 'Info');
+  }` };
+  names.forEach((name, i) => { files[`${name}.js`] = `${'// padding\n'.repeat(2000)}module.exports = { later: (n) => n + ${i} };`; });
+  const main = path.join(scriptDir(files), 'main.js');
+  const r = scenario(`
+    const lines = [];
+    k.onLogMessage((l) => lines.push(l));
+    const ids = Array.from({ length: 20 }, (_, i) => i + 1);
+    for (const id of ids) k.createKeshThread(id, ${JSON.stringify(main)}, '{}');
+    Promise.all(ids.map((id) => k.startKeshThread(id))).then(async () => {
+      for (const id of ids) k.runFunctionFromScript(id, 'load', '');
+      const done = () => lines.filter((l) => /SUM|Error calling/.test(l));
+      await until(() => done().length === ids.length, 'every load', 30000);
+      console.log(done().join('\\n'));
+      for (const id of ids) k.stopKeshThread(id);
+      k.destroyKeshThreads();
+    });`, { env: { MALLOC_PERTURB_: '165' }, timeout: 60000 });
+  assert.strictEqual(r.status, 0, r.stderr);
+  assert.strictEqual(r.stdout.match(/SUM 136$/gm)?.length, 20, r.stdout.slice(0, 2000));
+});

@@ -218,10 +218,14 @@ struct RequireCall {
     }
     record->source = record->text.c_str();
     record->size = static_cast<int32_t>(record->text.size());
-    isolate->AdjustAmountOfExternalAllocatedMemory(record->size);
-    // The loser of a race uses its own record for this load and gives it back afterwards.
-    if (files.add(record)) own->release();
-    return record;
+    if (files.add(record)) {
+      own->release();
+      isolate->AdjustAmountOfExternalAllocatedMemory(record->size);
+      return record;
+    }
+    // The loser of a race loads the winner's record and gives its own back: V8 reads a script's
+    // text again whenever it compiles one of its functions, long after this load.
+    return files.find(record->fullPath.get());
   }
 
   v8::Local<v8::Value> parseJson(const FileRecord& record) {
