@@ -86,9 +86,11 @@ inline constexpr const char kNotConnected[] =
     ": not connected to Pelmare (call _initNetworking first, or again after the connection "
     "closed)";
 
-// Reads the message id and the payload of a sending function; false, with the error logged and
-// thrown, when either cannot be read.
-// Throws a ScriptError when either cannot be read.
+// A payload as the service receives it: the value's text in UTF-8, up to its first NUL. False
+// when the value has no text (its conversion threw).
+bool readPayload(EnteredVuser& here, v8::Local<v8::Value> value, std::string* payload);
+// Reads the message id and the payload of a sending function; throws a ScriptError when either
+// cannot be read.
 void readIdAndPayload(EnteredVuser& here, const v8::FunctionCallbackInfo<v8::Value>& info,
                       const char* payloadError, int32_t* id, std::string* payload);
 // The manager of the Vuser; throws the refusal when there is no connection to write to.

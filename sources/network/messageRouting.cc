@@ -99,16 +99,21 @@ bool send_msg(NetworkManager* manager, const std::shared_ptr<NetworkMessage>& me
   return false;
 }
 
+bool readPayload(EnteredVuser& here, v8::Local<v8::Value> value, std::string* payload) {
+  v8::Local<v8::String> text;
+  if (!value->ToString(here.context()).ToLocal(&text)) return false;
+  utf8Into(here.isolate(), text, payload);
+  payload->resize(std::strlen(payload->c_str()));  // the payload ends at its first NUL
+  return true;
+}
+
 void readIdAndPayload(EnteredVuser& here, const v8::FunctionCallbackInfo<v8::Value>& info,
                       const char* payloadError, int32_t* id, std::string* payload) {
   v8::Maybe<int64_t> number = info[0]->IntegerValue(here.context());
-  v8::Local<v8::String> text;
-  bool readable = info[1]->ToString(here.context()).ToLocal(&text);
+  bool readable = readPayload(here, info[1], payload);
   if (number.IsNothing()) throw ScriptError(kComponent, "The message id is not a invalid number");
   if (!readable) throw ScriptError(kComponent, payloadError);
   *id = static_cast<int32_t>(number.FromJust());
-  utf8Into(here.isolate(), text, payload);
-  payload->resize(std::strlen(payload->c_str()));  // the payload ends at its first NUL
 }
 
 // The check every sending function makes first: without a connection a write has no stream,

@@ -106,15 +106,16 @@ void SendSyncNoWait(const v8::FunctionCallbackInfo<v8::Value>& info) {
   scriptFunction(info, [&info](EnteredVuser& here) {
     NetworkManager& manager = *here.vuser().network_;
     v8::Maybe<int64_t> id = info[0]->IntegerValue(here.context());
-    v8::String::Utf8Value payload(here.isolate(), info[1]);
+    std::string payload;
+    bool readable = readPayload(here, info[1], &payload);
     std::string failure;
     if (id.IsNothing()) failure = "The message id is not a invalid number";
-    if (*payload == nullptr) failure = "Couldn't convert the message payload to string";
+    if (!readable) failure = "Couldn't convert the message payload to string";
     if (failure.empty() && !manager.writable()) {
       failure = std::string("_sendSyncNoWait") + kNotConnected;
     }
     if (failure.empty()) {
-      auto message = makeMessage(static_cast<int32_t>(id.FromJust()), *payload, true);
+      auto message = makeMessage(static_cast<int32_t>(id.FromJust()), std::move(payload), true);
       message->wait_for_response = false;
       try {
         SendSyncEventLoopRunner(here, manager, message);
