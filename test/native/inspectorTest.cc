@@ -97,6 +97,7 @@ const std::string kKeyLine = "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
 const std::string kRefusal =
     "HTTP/1.0 400 Bad Request\r\nContent-Type: text/html; charset=UTF-8\r\n\r\n"
     "WebSockets request was expected\r\n";
+const std::function<bool()> kNever = [] { return false; };
 bool runUntil(uv_loop_t* loop, const std::function<bool()>& done, int ms = 5000) {
   auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
   while (!done()) {
@@ -114,9 +115,8 @@ std::string upgrade(const std::string& path, const std::string& keyLines = kKeyL
 }
 
 std::string switching(const std::string& accept = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=") {
-  return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-         "Sec-WebSocket-Accept: " +
-         accept + "\r\n\r\n";
+  std::string head = "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\n";
+  return head + "Connection: Upgrade\r\nSec-WebSocket-Accept: " + accept + "\r\n\r\n";
 }
 
 std::string answer(const std::string& body) {
@@ -129,20 +129,15 @@ const std::string kVersion =
     answer("{\n  \"Browser\": \"kesh\",\n  \"Protocol-Version\": \"1.1\"\n} ");
 
 std::string listBody(const std::string& title, const std::string& host, int port, bool free) {
-  std::string address = host + ":" + std::to_string(port) + "/T1";
-  std::string body = "[ {\n  \"description\": \"node.js instance\",\n";
-  if (free) {
-    body +=
-        "  \"devtoolsFrontendUrl\": \"chrome-devtools://devtools/bundled/inspector.html?"
-        "experiments=true&v8only=true&ws=" +
-        address + "\",\n";
-  }
-  body +=
-      "  \"faviconUrl\": \"https://nodejs.org/static/images/favicons/favicon.ico\",\n"
-      "  \"id\": \"T1\",\n  \"title\": \"" +
-      title + "\",\n  \"type\": \"node\",\n  \"url\": \"file:///s/main.js\"";
-  if (free) body += ",\n  \"webSocketDebuggerUrl\": \"ws://" + address + "\"";
-  return body + "\n} ]\n\n";
+  std::string at = host + ":" + std::to_string(port) + "/T1";
+  std::string front =
+      "chrome-devtools://devtools/bundled/inspector.html?experiments=true&v8only=true";
+  return "[ {\n  \"description\": \"node.js instance\",\n" +
+         (free ? "  \"devtoolsFrontendUrl\": \"" + front + "&ws=" + at + "\",\n" : "") +
+         "  \"faviconUrl\": \"https://nodejs.org/static/images/favicons/favicon.ico\",\n" +
+         "  \"id\": \"T1\",\n  \"title\": \"" + title +
+         "\",\n  \"type\": \"node\",\n  \"url\": \"file:///s/main.js\"" +
+         (free ? ",\n  \"webSocketDebuggerUrl\": \"ws://" + at + "\"" : "") + "\n} ]\n\n";
 }
 
 struct Client {
@@ -189,7 +184,7 @@ struct Client {
     return out;
   }
   bool ended() {
-    fill([] { return false; });
+    fill(kNever);
     return eof;
   }
   bool hangUp() {
@@ -273,10 +268,7 @@ class InspectorServer : public testing::Test {
   bool until(const std::string& lastEvent) {
     return runUntil(&loop_, [&] { return delegate_.events.back() == lastEvent; });
   }
-  void settle(int ms = 30) {
-    runUntil(
-        &loop_, [] { return false; }, ms);
-  }
+  void settle(int ms = 30) { runUntil(&loop_, kNever, ms); }
   // Sends the parts one read each.
   void sendSplit(Client& client, std::initializer_list<std::string> parts) {
     for (const std::string& part : parts) {
