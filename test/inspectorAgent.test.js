@@ -51,11 +51,10 @@ const prelude = `
     };
     return c;
   };
-  const run = (body) => body().catch((e) => { console.log('FAILED ' + e.stack); process.exit(1); });
 `;
 
 function result(body, timeout = 60000) {
-  const r = scenario(`${prelude}${body}`, { timeout });
+  const r = scenario(`${prelude}(async () => {${body}})().catch((e) => { console.log('FAILED ' + e.stack); process.exit(1); });`, { timeout });
   const match = /RESULT(.*)\n/.exec(r.stdout);
   assert.ok(match, `no result; status ${r.status} ${r.signal}\n${r.stdout}\n${r.stderr}`);
   assert.strictEqual(r.status, 0, r.stderr);
@@ -65,34 +64,32 @@ function result(body, timeout = 60000) {
 test('a DevTools client pauses at start, hits a breakpoint in a run function, reads a local; an exit ends the pause', () => {
   const out = result(`
     const started = debugged();
-    run(async () => {
-      const [, port, id] = await listening(1);
-      const list = await targets(port);
-      const client = await CDP({ target: list[0].webSocketDebuggerUrl, local: true });
-      const second = await new Promise((resolve) => new WebSocket(list[0].webSocketDebuggerUrl)
-        .on('error', (e) => resolve(e.message)).on('open', () => resolve('opened')));
-      const attachedList = await targets(port);
-      const parsed = [];
-      client.on('Debugger.scriptParsed', (s) => { if (s.url.includes('debugged')) parsed.push(s.url); });
-      const nextPause = () => new Promise((resolve) => client.once('Debugger.paused', resolve));
-      let pause = nextPause();
-      // Some clients send all of these before any answer; the run command releases the script.
-      await Promise.all([client.Runtime.enable(), client.Debugger.enable(), client.Runtime.runIfWaitingForDebugger()]);
-      const atStart = await pause;
-      await client.Debugger.setBreakpoint({ location: { scriptId: atStart.callFrames[0].location.scriptId, lineNumber: 3 } });
-      await client.Debugger.resume();
-      await started;
-      pause = nextPause();
-      k.runFunctionFromScript(1, 'step', '{"page":"home"}');
-      const { callFrameId } = (await pause).callFrames[0];
-      const evaluate = async (expression) => (await client.Debugger.evaluateOnCallFrame({ callFrameId, expression })).result.value;
-      const local = await evaluate('local');
-      const text = await evaluate("'\\u00e9 \\u2713 \\ud83d\\ude00 ' + String.fromCharCode(0xd800)");
-      // The exit-time stop must end the Vuser paused at the breakpoint.
-      console.log('RESULT' + JSON.stringify({ id, list, second, attachedList, parsed, local, text,
-        atStart: [atStart.reason, atStart.callFrames[0].location.lineNumber] }));
-      process.exit(0);
-    });`, 30000);
+    const [, port, id] = await listening(1);
+    const list = await targets(port);
+    const client = await CDP({ target: list[0].webSocketDebuggerUrl, local: true });
+    const second = await new Promise((resolve) => new WebSocket(list[0].webSocketDebuggerUrl)
+      .on('error', (e) => resolve(e.message)).on('open', () => resolve('opened')));
+    const attachedList = await targets(port);
+    const parsed = [];
+    client.on('Debugger.scriptParsed', (s) => { if (s.url.includes('debugged')) parsed.push(s.url); });
+    const nextPause = () => new Promise((resolve) => client.once('Debugger.paused', resolve));
+    let pause = nextPause();
+    // Some clients send all of these before any answer; the run command releases the script.
+    await Promise.all([client.Runtime.enable(), client.Debugger.enable(), client.Runtime.runIfWaitingForDebugger()]);
+    const atStart = await pause;
+    await client.Debugger.setBreakpoint({ location: { scriptId: atStart.callFrames[0].location.scriptId, lineNumber: 3 } });
+    await client.Debugger.resume();
+    await started;
+    pause = nextPause();
+    k.runFunctionFromScript(1, 'step', '{"page":"home"}');
+    const { callFrameId } = (await pause).callFrames[0];
+    const evaluate = async (expression) => (await client.Debugger.evaluateOnCallFrame({ callFrameId, expression })).result.value;
+    const local = await evaluate('local');
+    const text = await evaluate("'\\u00e9 \\u2713 \\ud83d\\ude00 ' + String.fromCharCode(0xd800)");
+    // The exit-time stop must end the Vuser paused at the breakpoint.
+    console.log('RESULT' + JSON.stringify({ id, list, second, attachedList, parsed, local, text,
+      atStart: [atStart.reason, atStart.callFrames[0].location.lineNumber] }));
+    process.exit(0);`, 30000);
   assert.match(out.id, /^00[0-9a-f]{2}00[0-9a-f]{2}-00[0-9a-f]{2}-40[0-9a-f]{2}-80[0-9a-f]{2}-00[0-9a-f]{2}00[0-9a-f]{2}00[0-9a-f]{2}$/);
   assert.deepStrictEqual(out.list.map((t) => [t.id, t.title, t.type]), [[out.id, 'debugged.js', 'node']]);
   assert.match(out.second, /Unexpected server response: 400/);
@@ -108,76 +105,72 @@ test("node's own debugger client: break on start, next, cont, quit; then a stop 
   const out = result(`
     const started = debugged();
     const inspect = (port) => nodeClient(['inspect', '127.0.0.1:' + port]);
-    run(async () => {
-      const [, port] = await listening(1);
-      const first = inspect(port);
-      await first.send('', /Break on start in \\S*debugged\\.js:1\\n> 1 const greeting/);
-      // The client says "break in" on Node.js 20 and "step in" from 22 on.
-      await first.send('next', /(?:break|step) in \\S*debugged\\.js:6\\n[^]*> 6 console\\.log/);
-      await first.send('cont', /debug> $/);
-      await started;
-      first.child.stdin.write('.exit\\n');
-      await first.exited;
-      await listening(2);
-      const second = inspect(port);
-      await second.send('', /ok\\n/);
-      await sleep(300);
-      k.stopKeshThread(1); // still attached: the stop ends the session
-      second.child.kill();
-      finish({});
-    });`);
+    const [, port] = await listening(1);
+    const first = inspect(port);
+    await first.send('', /Break on start in \\S*debugged\\.js:1\\n> 1 const greeting/);
+    // The client says "break in" on Node.js 20 and "step in" from 22 on.
+    await first.send('next', /(?:break|step) in \\S*debugged\\.js:6\\n[^]*> 6 console\\.log/);
+    await first.send('cont', /debug> $/);
+    await started;
+    first.child.stdin.write('.exit\\n');
+    await first.exited;
+    await listening(2);
+    const second = inspect(port);
+    await second.send('', /ok\\n/);
+    await sleep(300);
+    k.stopKeshThread(1); // still attached: the stop ends the session
+    second.child.kill();
+    finish({});`);
   assert.strictEqual(out.stderr.match(/Debugger attached\.\n/g).length, 2);
 });
 
 test('an endpoint that cannot start, a client leaving during a pause, bad text, a stop amid traffic', () => {
   const out = result(`
-    run(async () => {
-      const busy = require('node:net').createServer();
-      await new Promise((r) => busy.listen(0, '127.0.0.1', r));
-      await debugged(1, busy.address().port);
-      k.stopKeshThread(1);
-      busy.close();
-      k.destroyKeshThreads();
-      await sleep(50); // the logger closes with the batch
-      k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
+    const busy = require('node:net').createServer();
+    await new Promise((r) => busy.listen(0, '127.0.0.1', r));
+    await debugged(1, busy.address().port);
+    k.stopKeshThread(1);
+    busy.close();
+    k.destroyKeshThreads();
+    await sleep(50); // the logger closes with the batch
+    k.onLogMessage((l, lv) => lines.push(lv + ' ' + l));
 
-      const started = debugged(2);
-      const [, port, id] = await listening(1);
-      const url = 'ws://127.0.0.1:' + port + '/' + id;
-      const client = await CDP({ target: url, local: true });
-      const paused = new Promise((resolve) => client.once('Debugger.paused', resolve));
-      await Promise.all([client.Debugger.enable(), client.Runtime.runIfWaitingForDebugger()]);
-      await paused;
-      await client.close();
-      await started;
-      await listening(2);
+    const started = debugged(2);
+    const [, port, id] = await listening(1);
+    const url = 'ws://127.0.0.1:' + port + '/' + id;
+    const client = await CDP({ target: url, local: true });
+    const paused = new Promise((resolve) => client.once('Debugger.paused', resolve));
+    await Promise.all([client.Debugger.enable(), client.Runtime.runIfWaitingForDebugger()]);
+    await paused;
+    await client.close();
+    await started;
+    await listening(2);
 
-      const ws = new WebSocket(url);
-      const answer = new Promise((r) => ws.on('message', (m) => r(JSON.parse(m))));
-      await new Promise((r) => ws.on('open', r));
-      ws.send(Buffer.from([0x7b, 0xc3, 0x28, 0x7d]), { binary: false });
-      ws.send(JSON.stringify({ id: 7, method: 'Runtime.evaluate', params: { expression: 'greeting' } }));
-      const evaluated = await answer;
-      ws.close();
-      await listening(3);
+    const ws = new WebSocket(url);
+    const answer = new Promise((r) => ws.on('message', (m) => r(JSON.parse(m))));
+    await new Promise((r) => ws.on('open', r));
+    ws.send(Buffer.from([0x7b, 0xc3, 0x28, 0x7d]), { binary: false });
+    ws.send(JSON.stringify({ id: 7, method: 'Runtime.evaluate', params: { expression: 'greeting' } }));
+    const evaluated = await answer;
+    ws.close();
+    await listening(3);
 
-      // A client in another process keeps sending while the Vuser stops. V8 answers the promise
-      // that never settles only when the session ends, after the endpoint's thread has gone. The
-      // promise is kept reachable, or V8 may answer "Promise was collected" before the stop.
-      const flood = nodeClient(['-e', \`
-        const ws = new (require(\${JSON.stringify(P.ws)}))(\${JSON.stringify(url)});
-        const evaluate = (id, expression, awaitPromise) => ws.send(JSON.stringify({ id, method: 'Runtime.evaluate', params: { expression, awaitPromise } }));
-        let id = 1;
-        ws.on('open', () => {
-          evaluate(0, 'globalThis.never = new Promise(() => {})', true);
-          setInterval(() => { for (let i = 0; i < 20; i++) evaluate(id++, '6 * 7'); }, 1);
-          console.log('flooding');
-        }).on('message', (m) => { if (JSON.parse(m).id === 0) console.log('answered'); }).on('close', () => process.exit(0));\`]);
-      await flood.send('', /flooding/, 15000, 0);
-      await sleep(200);
-      k.stopKeshThread(2);
-      finish({ evaluated, floodExit: await flood.exited, floodOut: flood.out });
-    });`);
+    // A client in another process keeps sending while the Vuser stops. V8 answers the promise
+    // that never settles only when the session ends, after the endpoint's thread has gone. The
+    // promise is kept reachable, or V8 may answer "Promise was collected" before the stop.
+    const flood = nodeClient(['-e', \`
+      const ws = new (require(\${JSON.stringify(P.ws)}))(\${JSON.stringify(url)});
+      const evaluate = (id, expression, awaitPromise) => ws.send(JSON.stringify({ id, method: 'Runtime.evaluate', params: { expression, awaitPromise } }));
+      let id = 1;
+      ws.on('open', () => {
+        evaluate(0, 'globalThis.never = new Promise(() => {})', true);
+        setInterval(() => { for (let i = 0; i < 20; i++) evaluate(id++, '6 * 7'); }, 1);
+        console.log('flooding');
+      }).on('message', (m) => { if (JSON.parse(m).id === 0) console.log('answered'); }).on('close', () => process.exit(0));\`]);
+    await flood.send('', /flooding/, 15000, 0);
+    await sleep(200);
+    k.stopKeshThread(2);
+    finish({ evaluated, floodExit: await flood.exited, floodOut: flood.out });`);
   // A taken port leaves the script to run without a debugger; a later Vuser still gets one, a
   // client leaving during the pause lets the script go on, and a message that is not UTF-8 is
   // dropped without ending the session.
@@ -215,23 +208,21 @@ test('only requests naming an address or localhost are served; idle connections 
       }).on('error', () => {});
     });
     debugged();
-    run(async () => {
-      const [, port, id] = await listening(1);
-      const hosts = {};
-      for (const [name, path, host, upgrade] of [['evilList', '/json/list', 'evil.example'],
-        ['evilPortVersion', '/json/version', 'evil.example:' + port], ['evilUpgrade', '/' + id, 'evil.example', true],
-        ['addressList', '/json/list', '127.0.0.1:' + port], ['localhostVersion', '/json/version', 'localhost'],
-        ['localhostUpgrade', '/' + id, 'localhost:' + port, true]]) hosts[name] = await ask(port, path, host, upgrade);
-      await listening(2);
-      const closes = [];
-      for (let i = 0; i < 100; ++i) closes.push((await openIdle(port)).closed);
-      const whileFull = await ask(port, '/json/version', '127.0.0.1');
-      const deadline = new Promise((_, reject) => setTimeout(reject, 20000, new Error('idle connections still open after 20 s')).unref());
-      const idleMs = await Promise.race([Promise.all(closes), deadline]);
-      const afterwards = await ask(port, '/json/version', '127.0.0.1');
-      k.stopKeshThread(1); // no client has let the script run yet
-      finish({ hosts, whileFull, idleMs, afterwards });
-    });`);
+    const [, port, id] = await listening(1);
+    const hosts = {};
+    for (const [name, path, host, upgrade] of [['evilList', '/json/list', 'evil.example'],
+      ['evilPortVersion', '/json/version', 'evil.example:' + port], ['evilUpgrade', '/' + id, 'evil.example', true],
+      ['addressList', '/json/list', '127.0.0.1:' + port], ['localhostVersion', '/json/version', 'localhost'],
+      ['localhostUpgrade', '/' + id, 'localhost:' + port, true]]) hosts[name] = await ask(port, path, host, upgrade);
+    await listening(2);
+    const closes = [];
+    for (let i = 0; i < 100; ++i) closes.push((await openIdle(port)).closed);
+    const whileFull = await ask(port, '/json/version', '127.0.0.1');
+    const deadline = new Promise((_, reject) => setTimeout(reject, 20000, new Error('idle connections still open after 20 s')).unref());
+    const idleMs = await Promise.race([Promise.all(closes), deadline]);
+    const afterwards = await ask(port, '/json/version', '127.0.0.1');
+    k.stopKeshThread(1); // no client has let the script run yet
+    finish({ hosts, whileFull, idleMs, afterwards });`);
   const refused = { got: 'HTTP/1.0 400 Bad Request', closed: true };
   const served = { got: 'HTTP/1.0 200 OK', closed: false };
   assert.deepStrictEqual(out.hosts, {
