@@ -13,23 +13,20 @@ const endpoint = require(path.join(buildDir(), 'kesh-inspector-echo.node'));
 test('discovery, echo, refusal and both close handshakes with foreign clients', async () => {
   const port = endpoint.start(0);
   const url = `ws://127.0.0.1:${port}/echo-target`;
-  const list = await (await fetch(`http://127.0.0.1:${port}/json/list`)).json();
-  assert.deepStrictEqual(list.map((t) => [t.id, t.title, t.url, t.webSocketDebuggerUrl]),
+  const json = async (route) => (await fetch(`http://127.0.0.1:${port}/json/${route}`)).json();
+  assert.deepStrictEqual((await json('list')).map((t) => [t.id, t.title, t.url, t.webSocketDebuggerUrl]),
     [['echo-target', 'echo', 'file:///echo.js', url]]);
-  const version = await (await fetch(`http://127.0.0.1:${port}/json/version`)).json();
-  assert.deepStrictEqual(version, { Browser: 'kesh', 'Protocol-Version': '1.1' });
+  assert.deepStrictEqual(await json('version'), { Browser: 'kesh', 'Protocol-Version': '1.1' });
 
   const client = new WebSocket(url);
   await once(client, 'open');
   // Short, 16-bit and 64-bit length forms, and text that is not ASCII.
-  const texts = ['hello', 'é ü ✓', 'm'.repeat(300), 'x'.repeat(70000)];
-  for (const text of texts) {
+  for (const text of ['hello', 'é ü ✓', 'm'.repeat(300), 'x'.repeat(70000)]) {
     client.send(text);
     const [data, isBinary] = await once(client, 'message');
     assert.deepStrictEqual([data.toString(), isBinary], [text, false]);
   }
-  const second = new WebSocket(url);
-  const [error] = await once(second, 'error');
+  const [error] = await once(new WebSocket(url), 'error');
   assert.match(error.message, /Unexpected server response: 400/);
   client.close(1000);
   assert.deepStrictEqual(await once(client, 'close'), [1005, Buffer.alloc(0)]); // our close frame carries no status
