@@ -12,7 +12,8 @@ const random = () => ((seed = (seed * 48271) % 2147483647) / 2147483647);
 
 // The result a shard of `count` writes after measuring `latencies` (ms), as the runner makes it.
 function shardResult(index, count, latencies, { runId = 'run-a', sha = 'abc' } = {}) {
-  const result = new RunResult({ runId, shard: { index, count }, vuserIds: { first: 1 + index * 3, count: 3 }, script: 's.js', scriptSha256: sha, service: null });
+  const result = new RunResult({ runId, shard: { index, count }, vuserIds: { first: 1 + index * 3, count: 3 },
+    script: 's.js', scriptSha256: sha, service: null });
   result.release(kT, kT + index);
   for (const ms of latencies) result.record(ms > 100 ? 'slow' : 'fast', ms, null);
   result.end();
