@@ -9,20 +9,14 @@ const pelmare = require('../tools/pelmare');
 const { decodeHistogram } = require('../lib/resultFormat');
 
 const root = path.join(__dirname, '..');
-const lib = JSON.stringify(path.join(root, 'lib', 'vuser.js'));
+const [kesh, connect] = [`const kesh = keshRequire(${JSON.stringify(path.join(root, 'lib', 'vuser.js'))}, __dirname);`,
+  'kesh.connect(args.service.port, args.service.host);'];
 const dir = scriptDir({
-  'mixed.js': `const kesh = keshRequire(${lib}, __dirname);
-    if (vuser_id === '2') throw new Error('no start for 2');
-    kesh.report('good', 1.5);
-    kesh.report('bad', 2.5, 'check');`,
-  'kinds.js': `const kesh = keshRequire(${lib}, __dirname);
-    kesh.connect(args.service.port, args.service.host);
-    kesh.measure('late', () => kesh.send({ op: 'silent' }, { timeoutMs: 100 })).catch(() => {});
+  'mixed.js': `${kesh} if (vuser_id === '2') throw new Error('no start for 2'); kesh.report('good', 1.5); kesh.report('bad', 2.5, 'check');`,
+  'kinds.js': `${kesh} ${connect} kesh.measure('late', () => kesh.send({ op: 'silent' }, { timeoutMs: 100 })).catch(() => {});
     try { kesh.measure('throws', () => { throw new TypeError('x'); }); } catch {}
     kesh.measure('echo', () => kesh.send({ op: 'echo' }, { timeoutMs: 1000 }));`,
-  'hangs.js': `const kesh = keshRequire(${lib}, __dirname);
-    kesh.connect(args.service.port, args.service.host);
-    function hang() { kesh.measure('hang', () => kesh.sendSync({ op: 'silent' })); }`,
+  'hangs.js': `${kesh} ${connect} function hang() { kesh.measure('hang', () => kesh.sendSync({ op: 'silent' })); }`,
   'ends.js': `_enableRunningAsyncCallbacks(); _setTimer(false, () => process.exit(3), 50);`,
   'stamps.js': `keshConsole('started at ' + Date.now(), 'Info');`,
   'spins.js': `function spin() { keshConsole('spinning', 'Info'); for (;;) {} }`,

@@ -148,10 +148,9 @@ test('k8s collect reads results from pod logs and finds a corrupted piece; the m
     'job-1-b.log': `${corrupted.join('\n')}\n`,
     kubectl: `#!${process.execPath}
       const [command, ...rest] = process.argv.slice(2);
-      const read = (name) => process.stdout.write(require('fs').readFileSync(require('path').join(__dirname, name)));
-      if (command === 'get' && rest.includes('batch.kubernetes.io/job-name=job')) read('pods.json');
-      else if (command === 'logs') read(rest.at(-1) + '.log');
-      else process.exit(1);`,
+      const name = command === 'get' && rest.includes('batch.kubernetes.io/job-name=job') ? 'pods.json'
+        : command === 'logs' ? rest.at(-1) + '.log' : process.exit(1);
+      process.stdout.write(require('fs').readFileSync(require('path').join(__dirname, name)));`,
   });
   fs.chmodSync(path.join(fake, 'kubectl'), 0o755);
   const collect = kesh(['k8s', 'collect', '--job', 'job', '--out', fake], { ...process.env, PATH: `${fake}${path.delimiter}${process.env.PATH}` });
