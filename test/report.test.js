@@ -11,13 +11,14 @@ const { buildReport } = require('../lib/report');
 const { findBrowser, launch, look } = require('./browser');
 
 const root = path.join(__dirname, '..');
-const file = ((dir) => (name) => path.join(dir, name))(scriptDir({}));
+const dir = scriptDir({});
+const file = (name) => path.join(dir, name);
 const kesh = (args) => spawnSync(process.execPath, [path.join(root, 'bin', 'kesh-run.js'), ...args], { cwd: root, encoding: 'utf8', timeout: 60000 });
 const writeJson = (name, value) => {
   fs.writeFileSync(file(name), typeof value === 'string' ? value : JSON.stringify(value));
   return file(name);
 };
-// The number a figure's text shows, e.g. "1,234" or "63.6 ms", and whether it shows `value`.
+// The number a figure's text shows, e.g. "1,234" or "63.6 ms", and whether that is `value` as shown.
 const shownNumber = (text) => Number(text.replace(/[^\d.]/g, ''));
 const near = (shown, value) => Math.abs(shown - value) <= Math.abs(value) * 0.005 + 0.005;
 
