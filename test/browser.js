@@ -21,19 +21,17 @@ function withDeadline(promise, ms, what) {
 
 // Whether every process of the group has gone within `ms`.
 async function groupGone(pid, ms) {
-  for (const deadline = Date.now() + ms; Date.now() < deadline;) {
+  for (const deadline = Date.now() + ms; Date.now() < deadline; await new Promise((resolve) => setTimeout(resolve, 50))) {
     try { process.kill(-pid, 0); } catch { return true; }
-    await new Promise((resolve) => setTimeout(resolve, 50));
   }
   return false;
 }
 
 async function launch(binary) {
   const profile = fs.mkdtempSync(path.join(os.tmpdir(), 'kesh-chromium-'));
-  const args = ['--headless=new', '--disable-gpu', '--disable-dev-shm-usage', '--no-first-run',
-    '--disable-background-networking', '--disable-component-update', '--disable-sync', '--disable-extensions',
-    '--proxy-server=127.0.0.1:9', '--host-resolver-rules=MAP * ~NOTFOUND', '--remote-debugging-port=0',
-    `--user-data-dir=${profile}`, 'about:blank'];
+  const args = ['--headless=new', '--disable-gpu', '--disable-dev-shm-usage', '--no-first-run', '--disable-background-networking',
+    '--disable-component-update', '--disable-sync', '--disable-extensions', '--proxy-server=127.0.0.1:9',
+    '--host-resolver-rules=MAP * ~NOTFOUND', '--remote-debugging-port=0', `--user-data-dir=${profile}`, 'about:blank'];
   if (process.getuid() === 0) args.unshift('--no-sandbox'); // the sandbox refuses root, which CI is
   // A process group of its own, so closing reaches every helper; no sanitizer runtime preloaded into it.
   const { LD_PRELOAD, ASAN_OPTIONS, TSAN_OPTIONS, ...env } = process.env;
@@ -48,60 +46,53 @@ async function launch(binary) {
   let stderr = '';
   const port = await withDeadline(new Promise((resolve, reject) => {
     child.stderr.on('data', (chunk) => {
-      stderr += chunk;
-      const match = /DevTools listening on ws:\/\/[^:]+:(\d+)\//.exec(stderr);
+      const match = /DevTools listening on ws:\/\/[^:]+:(\d+)\//.exec(stderr += chunk);
       if (match) resolve(Number(match[1]));
     });
     child.once('exit', (code) => reject(new Error(`chromium exited (${code}): ${stderr}`)));
-  }), 20000, 'chromium start').catch(async (err) => {
-    await close();
-    throw err;
-  });
+  }), 20000, 'chromium start').catch(async (err) => { await close(); throw err; });
   return { port, close };
 }
 
-// Opens `file` in a new tab: `problems` (console errors, uncaught exceptions, failed loads), `requests`
-// (every URL but the page), `evaluate(expr)`, `screenshot(png)` of the whole page, `close()`.
-async function openPage(browser, file) {
+// Loads `file` in a new tab, evaluates `expression` there and saves a screenshot of the whole page as `png`: the
+// expression's `value`, `problems` (console errors, uncaught exceptions, failed loads), `requests` (every URL but the page).
+async function look(browser, file, expression, png) {
   const url = `file://${path.resolve(file)}`;
   const target = await CDP.New({ port: browser.port });
   const client = await CDP({ port: browser.port, target });
   const { Page, Runtime, Log, Fetch, Emulation } = client;
-  const problems = [];
-  const requests = [];
-  Runtime.consoleAPICalled(({ type, args }) => {
-    if (type === 'error' || type === 'assert') problems.push(`console.${type}: ${args.map((a) => a.value ?? a.description).join(' ')}`);
-  });
-  Runtime.exceptionThrown(({ exceptionDetails: d }) => problems.push(`uncaught: ${d.exception?.description ?? d.text}`));
-  Log.entryAdded(({ entry }) => entry.level === 'error' && problems.push(`${entry.source}: ${entry.text}`));
-  Fetch.requestPaused(({ requestId, request }) => {
-    if (request.url === url) return Fetch.continueRequest({ requestId }).catch(() => {});
-    requests.push(request.url);
-    return Fetch.failRequest({ requestId, errorReason: 'BlockedByClient' }).catch(() => {});
-  });
-  const size = (height) => Emulation.setDeviceMetricsOverride({ width: 1280, height, deviceScaleFactor: 1, mobile: false });
-  await Promise.all([Runtime.enable(), Log.enable(), Page.enable(), Fetch.enable({ patterns: [{ urlPattern: '*' }] }), size(900)]);
-  const loaded = Page.loadEventFired();
-  const { errorText } = await Page.navigate({ url });
-  if (errorText) throw new Error(`${url}: ${errorText}`);
-  await withDeadline(loaded, 15000, `load of ${url}`);
-
-  const evaluate = async (expression) => {
-    const { result, exceptionDetails: d } = await Runtime.evaluate({ expression, returnByValue: true });
+  const [problems, requests] = [[], []];
+  const evaluate = async (text) => {
+    const { result, exceptionDetails: d } = await Runtime.evaluate({ expression: text, returnByValue: true });
     if (d) throw new Error(`in the page: ${d.exception?.description ?? d.text}`);
     return result.value;
   };
-  const screenshot = async (png) => {
+  try {
+    Runtime.consoleAPICalled(({ type, args }) => {
+      if (type === 'error' || type === 'assert') problems.push(`console.${type}: ${args.map((a) => a.value ?? a.description).join(' ')}`);
+    });
+    Runtime.exceptionThrown(({ exceptionDetails: d }) => problems.push(`uncaught: ${d.exception?.description ?? d.text}`));
+    Log.entryAdded(({ entry }) => entry.level === 'error' && problems.push(`${entry.source}: ${entry.text}`));
+    Fetch.requestPaused(({ requestId, request }) => {
+      if (request.url === url) return Fetch.continueRequest({ requestId }).catch(() => {});
+      requests.push(request.url);
+      return Fetch.failRequest({ requestId, errorReason: 'BlockedByClient' }).catch(() => {});
+    });
+    const size = (height) => Emulation.setDeviceMetricsOverride({ width: 1280, height, deviceScaleFactor: 1, mobile: false });
+    await Promise.all([Runtime.enable(), Log.enable(), Page.enable(), Fetch.enable({ patterns: [{ urlPattern: '*' }] }), size(900)]);
+    const loaded = Page.loadEventFired();
+    const { errorText } = await Page.navigate({ url });
+    if (errorText) throw new Error(`${url}: ${errorText}`);
+    await withDeadline(loaded, 15000, `load of ${url}`);
+    const value = await evaluate(expression);
     await size(await evaluate('document.documentElement.scrollHeight'));
-    const { data } = await Page.captureScreenshot({ format: 'png' });
     fs.mkdirSync(path.dirname(png), { recursive: true });
-    fs.writeFileSync(png, Buffer.from(data, 'base64'));
-  };
-  const close = async () => {
+    fs.writeFileSync(png, Buffer.from((await Page.captureScreenshot({ format: 'png' })).data, 'base64'));
+    return { value, problems, requests };
+  } finally {
     await client.close();
     await CDP.Close({ port: browser.port, id: target.id });
-  };
-  return { problems, requests, evaluate, screenshot, close };
+  }
 }
 
-module.exports = { findBrowser, launch, openPage };
+module.exports = { findBrowser, launch, look };

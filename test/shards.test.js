@@ -22,25 +22,20 @@ const dir = scriptDir({
     function hit() { kesh.measure('hit', () => kesh.sendSync({ op: 'echo', data: vuser_id })); }`,
 });
 const script = path.join(dir, 'hit.js');
-const podEnv = (index, runId) => ({ ...process.env, JOB_COMPLETION_INDEX: String(index), KESH_SHARD_COUNT: '3', KESH_RUN_ID: runId });
 const shardArgs = (service, barrierDir, ...more) => ['--vusers', '9', '--seconds', '1', '--service', `127.0.0.1:${service.port}`,
   '--barrier', `file:${barrierDir}`, '--barrier-lead', '0.5', '--run', 'hit', '--every', '20', '--quiet', ...more, script];
-
-// Shard processes of the test under way, killed at its end if a fault kept them running.
-const started = new Set();
-function shard(args, index, runId) {
-  const child = startRunner(args, { env: podEnv(index, runId) });
-  started.add(child.child);
-  return child;
-}
-// Runs `body` against a fresh stand-in service and barrier directory; cleans up whatever happens.
+// Runs `body` against a fresh stand-in service and barrier directory, with `shard(args, index, runId)` starting a shard
+// process in an Indexed Job pod's environment; shards a fault kept running are killed at the end.
 const withShards = (body) => async () => {
-  const service = await pelmare.start();
+  const [service, started] = [await pelmare.start(), []];
+  const shard = (args, index, runId) => {
+    started.push(startRunner(args, { env: { ...process.env, JOB_COMPLETION_INDEX: String(index), KESH_SHARD_COUNT: '3', KESH_RUN_ID: runId } }));
+    return started.at(-1);
+  };
   try {
-    await body(service, fs.mkdtempSync(path.join(dir, 'barrier-')));
+    await body(service, fs.mkdtempSync(path.join(dir, 'barrier-')), shard);
   } finally {
-    for (const child of started) if (child.exitCode === null && child.signalCode === null) child.kill('SIGKILL');
-    started.clear();
+    for (const { child } of started) if (child.exitCode === null && child.signalCode === null) child.kill('SIGKILL');
     await service.close();
   }
 };
@@ -50,10 +45,10 @@ test('shard ids partition the run\'s ids; index and count come from options, the
   for (const count of [1, 2, 7]) {
     for (const vusers of [0, 1, count - 1, count, 7919, 100000]) {
       const first = 0xffffffff - vusers; // the highest ids a run can have
-      const all = Array.from({ length: count }, (_, index) => shardIds(first, vusers, index, count));
-      const sizes = all.map((ids) => ids.count);
-      // Contiguous, in order, covering the run's ids exactly once.
-      assert.deepStrictEqual(all.map((ids) => ids.first), sizes.map((_, i) => first + sizes.slice(0, i).reduce((a, b) => a + b, 0)));
+      const sizes = Array.from({ length: count }, (_, index) => shardIds(first, vusers, index, count)).map((ids, i, all) => {
+        assert.strictEqual(ids.first, i === 0 ? first : all[i - 1].first + all[i - 1].count, `V=${vusers} N=${count}: shard ${i} not next`);
+        return ids.count;
+      });
       assert.strictEqual(sizes.reduce((a, b) => a + b, 0), vusers, `V=${vusers} N=${count}`);
       assert.ok(Math.max(...sizes) - Math.min(...sizes) <= 1, `V=${vusers} N=${count}: ${sizes}`);
     }
@@ -65,7 +60,7 @@ test('shard ids partition the run\'s ids; index and count come from options, the
     [{ ...env, KESH_RUN_ID: undefined }, /need its id/]]) assert.throws(() => shardOf({}, bad), message);
 });
 
-test('three shards, one prepared 1.5 s late, start together and merge to what the service answered', kProcessTest, withShards(async (service, barrierDir) => {
+test('three shards, one prepared 1.5 s late, start together and merge to what the service answered', kProcessTest, withShards(async (service, barrierDir, shard) => {
   const files = [0, 1, 2].map((i) => path.join(barrierDir, `shard-${i}.json`));
   // Shard 1 sends its result as log lines, the way it leaves a pod.
   const shards = [0, 1].map((i) => shard(shardArgs(service, barrierDir, '--json', i === 1 ? '-' : files[i]), i, 'e2e'));
@@ -74,73 +69,59 @@ test('three shards, one prepared 1.5 s late, start together and merge to what th
   shards.push(shard(shardArgs(service, barrierDir, '--json', files[2]), 2, 'e2e'));
   const exits = await Promise.all(shards.map((s) => s.exited));
   exits.forEach((r, i) => assert.strictEqual(r.code, 0, `shard ${i}: ${r.stdout}${r.stderr}`));
-  const [fromLog] = resultLines.decode(exits[1].stdout);
-  fs.writeFileSync(files[1], JSON.stringify(fromLog));
-
+  fs.writeFileSync(files[1], JSON.stringify(resultLines.decode(exits[1].stdout)[0]));
   const merge = kesh(['merge', ...files, '--json', path.join(barrierDir, 'merged.json'), '--threshold', 'errors<1%']);
   assert.strictEqual(merge.status, 0, merge.stdout + merge.stderr);
+  assert.match(merge.stdout, /^ {2}shards {5}3 of 3, released within \d+ ms$/m);
   const merged = JSON.parse(fs.readFileSync(path.join(barrierDir, 'merged.json'), 'utf8'));
   const answered = service.requests.filter((r) => r.op === 'echo').length;
-  assert.ok(answered > 0);
-  assert.deepStrictEqual([merged.counts.requests, merged.vusers.started], [answered, 9]);
+  assert.deepStrictEqual([answered > 0, merged.counts.requests, merged.vusers.started], [true, answered, 9]);
   assert.ok(merged.releaseSkewMs < 100, `release skew ${merged.releaseSkewMs} ms`);
-  assert.match(merge.stdout, /^ {2}shards {5}3 of 3, released within \d+ ms$/m);
 }));
 
-test('a shard that never arrives, or arrives after the start, ends with exit 3 and sends nothing', kProcessTest, withShards(async (service, barrierDir) => {
-  const waiting = [0, 1].map((i) => shard(shardArgs(service, barrierDir, '--barrier-timeout', '1',
-    '--json', path.join(barrierDir, `${i}.json`)), i, 'alone'));
-  const late = shard(shardArgs(service, barrierDir, '--barrier', `at:${Date.now() - 5000}`,
-    '--json', path.join(barrierDir, 'late.json')), 2, 'late');
+test('a shard that never arrives, or arrives after the start, ends with exit 3 and sends nothing', kProcessTest, withShards(async (service, barrierDir, shard) => {
+  const json = (name) => ['--json', path.join(barrierDir, `${name}.json`)];
+  const waiting = [0, 1].map((i) => shard(shardArgs(service, barrierDir, '--barrier-timeout', '1', ...json(i)), i, 'alone'));
+  const late = shard(shardArgs(service, barrierDir, '--barrier', `at:${Date.now() - 5000}`, ...json('late')), 2, 'late');
   await Promise.all(waiting.map((s) => s.waitFor(/waiting at the barrier/)));
   const arrived = Date.now();
   const exits = await Promise.all(waiting.map((s) => s.exited));
-  const waited = Date.now() - arrived;
-  assert.ok(waited < 2000, `exited ${waited} ms after arriving`);
+  assert.ok(Date.now() - arrived < 2000, `exited ${Date.now() - arrived} ms after arriving`);
   exits.push(await late.exited);
   exits.forEach((r, i) => {
     assert.strictEqual(r.code, 3, r.stdout + r.stderr);
     assert.match(r.stdout, i < 2 ? /barrier timeout: shard 2 of 3 never arrived/ : /too late for the start: \d+ ms after it/);
   });
-  assert.deepStrictEqual(fs.readdirSync(barrierDir).filter((f) => f.endsWith('.json')), []);
-  assert.strictEqual(service.requests.length, 0);
+  assert.deepStrictEqual([fs.readdirSync(barrierDir).filter((f) => f.endsWith('.json')), service.requests.length], [[], 0]);
   // Every Vuser's connection closed with its process.
-  for (const deadline = Date.now() + 5000; service.connections() !== 0;) {
+  for (const deadline = Date.now() + 5000; service.connections() !== 0; await new Promise((resolve) => setTimeout(resolve, 20))) {
     assert.ok(Date.now() < deadline, 'a connection still open');
-    await new Promise((resolve) => setTimeout(resolve, 20));
   }
 }));
 
 test('k8s barrier: patches its own pod, waits for every index, ignores failed pods', async () => {
-  const secrets = scriptDir({ token: 'secret-token\n', namespace: 'load\n' });
-  let lists = 0;
   const seen = [];
-  const pod = (name, index, phase, readyAt) => ({
-    metadata: { name, annotations: { [kIndexAnnotation]: String(index), ...(readyAt ? { [kReadyAnnotation]: String(readyAt) } : {}) } },
-    status: { phase },
-  });
+  const pod = (name, index, phase, readyAt) => ({ status: { phase },
+    metadata: { name, annotations: { [kIndexAnnotation]: String(index), ...(readyAt ? { [kReadyAnnotation]: String(readyAt) } : {}) } } });
   const own = pod('job-0-abc', 0, 'Running');
   const peerReadyAt = Date.now() - 100;
-  const server = http.createServer((req, res) => {
+  const server = http.createServer(async (req, res) => {
     let body = '';
-    req.on('data', (chunk) => { body += chunk; });
-    req.on('end', () => {
-      seen.push(`${req.method} ${req.url} ${req.headers.authorization} ${req.headers['content-type'] || ''}`);
-      if (req.method === 'PATCH') Object.assign(own.metadata.annotations, JSON.parse(body).metadata.annotations);
-      else lists += 1;
-      // The peer's annotation appears on the second list; its failed pod would put the start an hour away.
-      const items = [own, pod('job-1-old', 1, 'Failed', Date.now() + 3600e3), pod('job-1-def', 1, 'Running', lists >= 2 ? peerReadyAt : null)];
-      res.setHeader('Content-Type', 'application/json');
-      res.end(JSON.stringify(req.method === 'PATCH' ? own : { items }));
-    });
+    for await (const chunk of req) body += chunk;
+    seen.push(`${req.method} ${req.url} ${req.headers.authorization} ${req.headers['content-type'] || ''}`);
+    if (req.method === 'PATCH') Object.assign(own.metadata.annotations, JSON.parse(body).metadata.annotations);
+    // The peer's annotation appears on the second list; its failed pod would put the start an hour away.
+    const lists = seen.filter((line) => line.startsWith('GET')).length;
+    const items = [own, pod('job-1-old', 1, 'Failed', Date.now() + 3600e3), pod('job-1-def', 1, 'Running', lists >= 2 ? peerReadyAt : null)];
+    res.setHeader('Content-Type', 'application/json');
+    res.end(JSON.stringify(req.method === 'PATCH' ? own : { items }));
   });
   await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
   try {
-    const env = { KESH_K8S_API: `http://127.0.0.1:${server.address().port}`, KESH_K8S_SECRETS: secrets,
-      KESH_K8S_POLL_MS: '50', POD_NAME: 'job-0-abc', KESH_JOB_NAME: 'job' };
-    const barrier = createBarrier('k8s', { runId: 'r', index: 0, count: 2, leadMs: 1000, timeoutMs: 5000, env });
+    const env = { KESH_K8S_API: `http://127.0.0.1:${server.address().port}`, KESH_K8S_POLL_MS: '50', POD_NAME: 'job-0-abc',
+      KESH_JOB_NAME: 'job', KESH_K8S_SECRETS: scriptDir({ token: 'secret-token\n', namespace: 'load\n' }) };
     const readyAt = Date.now();
-    const T = await barrier.arrive(readyAt);
+    const T = await createBarrier('k8s', { runId: 'r', index: 0, count: 2, leadMs: 1000, timeoutMs: 5000, env }).arrive(readyAt);
     assert.deepStrictEqual([T, own.metadata.annotations[kReadyAnnotation]], [Math.max(readyAt, peerReadyAt) + 1000, String(readyAt)]);
     assert.deepStrictEqual(seen.slice(0, 2), [
       'PATCH /api/v1/namespaces/load/pods/job-0-abc Bearer secret-token application/merge-patch+json',
@@ -159,19 +140,17 @@ test('k8s collect reads results from pod logs and finds a corrupted piece; the m
   result.end();
   const lines = resultLines.encode(result.toJSON());
   assert.ok(lines.length > 1 && lines.every((line) => Buffer.byteLength(line) < 4096), lines.map((l) => l.length).join());
-  const other = resultLines.encode({ ...result.toJSON(), shard: { index: 1, count: 2 } });
-  const corrupted = other.map((line, i) => (i === 1 ? line.replace(/A(?=[^A]*$)/, 'B') : line));
-
+  const corrupted = resultLines.encode({ ...result.toJSON(), shard: { index: 1, count: 2 } })
+    .map((line, i) => (i === 1 ? line.replace(/A(?=[^A]*$)/, 'B') : line));
   const fake = scriptDir({
     'pods.json': JSON.stringify({ items: [{ metadata: { name: 'job-0-a' } }, { metadata: { name: 'job-1-b' } }] }),
     'job-0-a.log': `kesh-run: summary\n${lines.map((l) => `2026-01-01T00:00:00Z ${l}`).join('\n')}\n`,
     'job-1-b.log': `${corrupted.join('\n')}\n`,
     kubectl: `#!${process.execPath}
       const [command, ...rest] = process.argv.slice(2);
-      const read = (name) => process.stdout.write(require('fs').readFileSync(require('path').join(__dirname, name)));
-      if (command === 'get' && rest.includes('batch.kubernetes.io/job-name=job')) read('pods.json');
-      else if (command === 'logs') read(rest.at(-1) + '.log');
-      else process.exit(1);`,
+      const name = command === 'get' && rest.includes('batch.kubernetes.io/job-name=job') ? 'pods.json'
+        : command === 'logs' ? rest.at(-1) + '.log' : process.exit(1);
+      process.stdout.write(require('fs').readFileSync(require('path').join(__dirname, name)));`,
   });
   fs.chmodSync(path.join(fake, 'kubectl'), 0o755);
   const collect = kesh(['k8s', 'collect', '--job', 'job', '--out', fake], { ...process.env, PATH: `${fake}${path.delimiter}${process.env.PATH}` });
@@ -181,22 +160,19 @@ test('k8s collect reads results from pod logs and finds a corrupted piece; the m
 
   const made = kesh(['k8s', 'manifest', '--shards', '4', '--name', 'load', '--vusers', '400', '--seconds', '60', '--barrier-timeout', '100', script]);
   assert.strictEqual(made.status, 0, made.stderr);
-  const byKind = Object.fromEntries(JSON.parse(made.stdout).items.map((item) => [item.kind, item]));
-  const { spec } = byKind.Job;
+  const { Job: { spec }, ServiceAccount, Role, RoleBinding } = Object.fromEntries(JSON.parse(made.stdout).items.map((item) => [item.kind, item]));
   const pod = spec.template.spec;
+  const [container] = pod.containers;
+  const env = Object.fromEntries(container.env.map((e) => [e.name, e.value ?? e.valueFrom.fieldRef.fieldPath]));
   assert.deepStrictEqual([spec.completionMode, spec.completions, spec.parallelism, spec.backoffLimitPerIndex, spec.podReplacementPolicy,
-    pod.restartPolicy], ['Indexed', 4, 4, 0, 'Failed', 'Never']);
+    pod.restartPolicy, env.KESH_SHARD_COUNT, env.KESH_JOB_NAME, env.POD_NAME], ['Indexed', 4, 4, 0, 'Failed', 'Never', '4', 'load', 'metadata.name']);
   assert.ok(spec.activeDeadlineSeconds >= 100 + 2 + 60, spec.activeDeadlineSeconds);
   assert.deepStrictEqual(pod.topologySpreadConstraints.map((c) => [c.topologyKey, c.labelSelector.matchLabels['batch.kubernetes.io/job-name']]),
     [['kubernetes.io/hostname', 'load']]);
-  const [container] = pod.containers;
   assert.deepStrictEqual(container.resources.requests, container.resources.limits);
   assert.deepStrictEqual(container.args.slice(-4), ['--barrier', 'k8s', '--json', '-']);
-  const env = Object.fromEntries(container.env.map((e) => [e.name, e.value ?? e.valueFrom.fieldRef.fieldPath]));
-  assert.deepStrictEqual([env.KESH_SHARD_COUNT, env.KESH_JOB_NAME, env.POD_NAME], ['4', 'load', 'metadata.name']);
-  assert.strictEqual(pod.serviceAccountName, byKind.ServiceAccount.metadata.name);
-  assert.deepStrictEqual(byKind.Role.rules, [{ apiGroups: [''], resources: ['pods'], verbs: ['get', 'list', 'patch'] }]);
-  assert.deepStrictEqual([byKind.RoleBinding.roleRef.name, byKind.RoleBinding.subjects[0].name], [byKind.Role.metadata.name, pod.serviceAccountName]);
+  assert.deepStrictEqual([pod.serviceAccountName, RoleBinding.roleRef.name, RoleBinding.subjects[0].name, Role.rules],
+    [ServiceAccount.metadata.name, Role.metadata.name, pod.serviceAccountName, [{ apiGroups: [''], resources: ['pods'], verbs: ['get', 'list', 'patch'] }]]);
   const refused = kesh(['k8s', 'manifest', '--shards', '2', '--shard-index', '0']);
   assert.deepStrictEqual([refused.status, /--shard-index is set by the manifest/.test(refused.stderr)], [2, true], refused.stderr);
 });
