@@ -7,20 +7,20 @@ const { scenario, scriptDir } = require('./helpers');
 
 const dir = scriptDir({
   'ok.js': `console.log(JSON.stringify({ id: vuser_id, args, dir: __dirname,
-    file: __filename, global, same: global === this })); keshConsole('from script', 'Custom');`,
+    file: __filename, global, same: global === this })); keshConsole('from script', 'Custom');
+    console.log(); console.log(1, 2);
+    try { console.log(''); } catch (e) { console.log('caught ' + typeof e + ' ' + e); }
+    for (const args of [['x'], ['x', 1]]) try { keshConsole(...args); } catch (e) { console.log(e.constructor.name + ' ' + e.message); }`,
   'syntax.js': 'var x = ;',
   'throws.js': `throw new Error('boom');`,
   'rejects.js': `Promise.reject(new Error('nope'));`,
   'pending.js': 'new Promise(() => {});',
   'exits.js': 'process.exit(3);',
-  'console.js': `console.log(); console.log(1, 2);
-    try { console.log(''); } catch (e) { console.log('caught ' + typeof e + ' ' + e); }
-    for (const args of [['x'], ['x', 1]]) try { keshConsole(...args); } catch (e) { console.log(e.constructor.name + ' ' + e.message); }`,
 });
 const p = (name) => path.join(dir, name);
 const json = JSON.stringify;
 
-test('start outcomes: fulfilled, rejected with a text, and every thread joins', () => {
+test('start outcomes: fulfilled, rejected with a text, and every thread joins; console argument rules', () => {
   const names = ['ok.js', 'syntax.js', 'throws.js', 'rejects.js', 'pending.js', 'exits.js'];
   const r = scenario(`
     const lines = [];
@@ -49,14 +49,7 @@ test('start outcomes: fulfilled, rejected with a text, and every thread joins', 
     /^trace VuserThread - \(\d+\) Vuser \[2\] failed during script initialization .*boom/,
     /^Error VuserThread - \(\d+\) Vuser \[1\] blocked another closing request$/,
     /^Error VuserThread - \(\d+\) Vuser \[5\] blocked another closing request$/]) assert.ok(lines.some((l) => line.test(l)), String(line));
-});
-
-test('console.log and keshConsole argument rules', () => {
-  const r = scenario(`
-    k.createKeshThread(1, ${json(p('console.js'))}, '{}');
-    k.startKeshThread(1).then(() => { k.stopKeshThread(1); k.destroyKeshThreads(); });`);
-  assert.strictEqual(r.status, 0, r.stderr);
-  for (const line of [/(?:^|\n)\nconsole\.log - Expects only 1 argument\.\n/,
+  for (const line of [/\}\n\nconsole\.log - Expects only 1 argument\.\n/,
     /caught string can't convert object passed to console log to string\n/,
     /TypeError keshConsole - Expects 2 arguments: message, LogLevel\n/, /TypeError keshConsole - The arguments are from incorrect type\n/]) assert.match(r.stdout, line);
 });
