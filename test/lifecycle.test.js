@@ -25,16 +25,12 @@ test('connection faults are the Vuser\'s: waiting calls fail, it connects again;
   // The service answers "echo", holds "hold", resets on "reset" and ends on "end".
   const r = scenario(`
     const server = require('node:net').createServer((socket) => {
-      let buffered = '';
       socket.on('error', () => {});
-      socket.on('data', (chunk) => {
-        buffered += chunk;
-        for (let end; (end = buffered.indexOf('\\n')) >= 0; buffered = buffered.slice(end + 1)) {
-          const { messageId, op } = JSON.parse(buffered.slice(0, end));
-          if (op === 'echo') socket.write(JSON.stringify({ messageId, socketId: '', responseType: 0, op }) + '\\n');
-          if (op === 'reset') socket.resetAndDestroy();
-          if (op === 'end') socket.end();
-        }
+      require('node:readline').createInterface({ input: socket }).on('line', (text) => {
+        const { messageId, op } = JSON.parse(text);
+        if (op === 'echo') socket.write(JSON.stringify({ messageId, socketId: '', responseType: 0, op }) + '\\n');
+        if (op === 'reset') socket.resetAndDestroy();
+        if (op === 'end') socket.end();
       });
     });
     const lines = [];

@@ -111,13 +111,11 @@ test('Vusers share file texts and code, early or late; a main script goes by its
   const [main, named] = [path.join(dir, 'main.js'), path.join(dir, 'named.js')];
   const { stdout, lines } = runVusers([main, main, main, named, named, path.join(dir, 'user.js')], `
     require('fs').writeFileSync(${JSON.stringify(path.join(dir, 'shared.js'))}, "module.exports = 'v2'");
-    k.createKeshThread(7, ${JSON.stringify(main)}, '{}');
-    k.createKeshThread(8, ${JSON.stringify(named)}, '{}');
+    ${JSON.stringify([main, named])}.forEach((script, i) => k.createKeshThread(7 + i, script, '{}'));
     await Promise.all([k.startKeshThread(7), k.startKeshThread(8)]);
     k.runFunctionFromScript(8, 'boom', '');
     await until(() => lines.some((l) => l.includes('"fileName"')), 'the failure line');
-    k.stopKeshThread(7);
-    k.stopKeshThread(8);`);
+    k.stopKeshThread(7); k.stopKeshThread(8);`);
   // The changed file is not read again: the late Vuser runs the cached text with its own state.
   const got = [...stdout.matchAll(/^GOT (.*)$/gm)].map((m) => m[1]).sort();
   assert.deepStrictEqual(got, [1, 2, 3, 7].map((id) => `v1 ${id} 1`));

@@ -78,13 +78,11 @@ test('timers: firing, settling, clearing, and every refusal', () => {
   assert.strictEqual(r.status, 0, r.stderr);
   const delay = (v) => `RangeError _setTimer: the delay must be a finite number of milliseconds below 2^64, not ${v}`;
   assert.deepStrictEqual(r.stdout.split('\n').filter((l) => l.startsWith('T ')).map((l) => l.slice(2)), [
-    'fired {} 1', 'settled undefined undefined',
-    'repeat settled after true true', 'no call after clear true',
+    'fired {} 1', 'settled undefined undefined', 'repeat settled after true true', 'no call after clear true',
     'clear a undefined', 'clear a again undefined', 'clear fired undefined', 'fired then cleared',
     'clear after clearTimers Error timer [5] is already stopped', 'wait after clearTimers undefined',
     'unknown Error Cannot find timer [99999] to clear', 'negative Error Cannot find timer [4294967295] to clear',
-    'id text TypeError _clearTimer: the timer id must be a number',
-    'no callback TypeError _setTimer: the callback must be a function',
+    'id text TypeError _clearTimer: the timer id must be a number', 'no callback TypeError _setTimer: the callback must be a function',
     `Infinity ${delay('Infinity')}`, `18446744073709552000 ${delay('18446744073709551616')}`,
     'ids count up true', 'text timeout fired',
     'setTimeout Error setTimeout is not available in a Vuser: use _setTimer(false, callback, ms), or sleep(ms) of lib/vuser.js',
