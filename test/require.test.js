@@ -4,22 +4,22 @@ const assert = require('node:assert');
 const path = require('node:path');
 const { scenario, scriptDir } = require('./helpers');
 
-// A Vuser script that requires each name and prints every outcome as one JSON line.
-const reporter = (body) => `
+// A Vuser script that requires each name and prints every outcome, under `label`, as one JSON line.
+const reporter = (label, body) => `
   const out = {};
   const t = (key, f) => {
     try { out[key] = f(); } catch (e) { out[key] = { thrown: e instanceof Error ? e.constructor.name + ': ' + e.message : e }; }
   };
   const r = (name) => keshRequire(name, __dirname);
   ${body}
-  console.log('RESULT' + JSON.stringify(out));`;
+  console.log('RESULT' + JSON.stringify([${JSON.stringify(label)}, out]));`;
 
 // Starts one Vuser per script, all at once; `between` runs after they started, before they stop.
-function runVusers(scripts, between = '') {
+function runVusers(scripts, between = '', { level = 'debug', ...options } = {}) {
   const r = scenario(`
     const lines = [];
     k.onLogMessage((l) => lines.push(l));
-    k.setLogLevel('debug');
+    k.setLogLevel(${JSON.stringify(level)});
     const scripts = ${JSON.stringify(scripts)};
     scripts.forEach((s, i) => k.createKeshThread(i + 1, s, '{}'));
     Promise.all(scripts.map((s, i) => k.startKeshThread(i + 1))).then(async () => {
@@ -29,22 +29,21 @@ function runVusers(scripts, between = '') {
       // The logger's close prints a line at the next turn: not inside the long line below.
       await sleep(50);
       console.log('LINES' + JSON.stringify(lines));
-    }, (e) => { console.log('FAILED ' + e); k.destroyKeshThreads(); });`);
+    }, (e) => { console.log('FAILED ' + e); k.destroyKeshThreads(); });`, options);
   assert.strictEqual(r.status, 0, r.stderr);
   assert.doesNotMatch(r.stdout, /FAILED/);
-  const results = [...r.stdout.matchAll(/^RESULT(.*)$/gm)].map((m) => JSON.parse(m[1]));
+  const results = Object.fromEntries([...r.stdout.matchAll(/^RESULT(.*)$/gm)].map((m) => JSON.parse(m[1])));
   return { ...r, results, lines: JSON.parse(/^LINES(.*)$/m.exec(r.stdout)[1]) };
 }
 
-test('resolution: files, directories, package.json main, node_modules deepest first, core names', () => {
+test('resolution (files, directories, package.json main, node_modules deepest first, core names) and module runs', () => {
   const dir = scriptDir({
-    'main.js': reporter(`for (const n of ['./a', './b', './a.json', './data', './list.json', 'fs',
+    'resolve.js': reporter('resolve', `for (const n of ['./a', './b', './a.json', './data', './list.json', 'fs',
       'fs.js', './fs', 'deep', 'own', './nested', './nomain', './maindir', './idx', './idx2',
       ${JSON.stringify('/')} + __dirname.slice(1) + 'b.js', './missing']) t(n, () => r(n));`),
-    'a': "module.exports = 'a'", 'a.js': "module.exports = 'a.js'", 'a.json': '"a.json"',
-    'b.js': "module.exports = 'b.js'", 'b.json': '"b.json"', 'data.json': '[1, 2]', 'list.json': '[3, 4]',
-    'fs.js': "module.exports = 'local fs'", 'node_modules/fs.js': "module.exports = 'modules fs'",
-    'node_modules/own.js': "module.exports = 'top own'",
+    'a': "module.exports = 'a'", 'a.js': "module.exports = 'a.js'", 'a.json': '"a.json"', 'b.js': "module.exports = 'b.js'",
+    'b.json': '"b.json"', 'data.json': '[1, 2]', 'list.json': '[3, 4]', 'fs.js': "module.exports = 'local fs'",
+    'node_modules/fs.js': "module.exports = 'modules fs'", 'node_modules/own.js': "module.exports = 'top own'",
     'node_modules/deep/index.js': "module.exports = { own: require('own'), mid: require('mid') }",
     'node_modules/deep/node_modules/own.js': "module.exports = 'deep own'",
     'node_modules/mid/package.json': '{"name": "mid", "main": "lib/start"}', 'node_modules/mid/lib/start.js': "module.exports = 'mid main'",
@@ -55,56 +54,40 @@ test('resolution: files, directories, package.json main, node_modules deepest fi
     'maindir/package.json': '{"main": "sub"}', 'maindir/sub/index.js': "module.exports = 'sub'",
     'idx/index.js.json': "module.exports = 'index.js.json'", 'idx/index.json': '"index.json"',
     'idx2/index.js': "module.exports = 'index.js'", 'idx2/index.json': '"index.json"',
+    'runs.js': reporter('runs', `
+      t('five', () => r('./five')); t('once', () => [r('./once'), r('./once') === r('./once')]);
+      t('throw1', () => r('./throws')); t('throw2', () => r('./throws')); t('restored', () => [__filename, __dirname]);
+      t('bom', () => [r('./bom.json'), r('./bom.js')]); t('parent', () => r('./sub/mid')); t('badJson', () => r('./bad.json'));
+      t('load', () => keshRequire('./load', __dirname, { x: 1 })); t('nullLoad', () => keshRequire('./five', __dirname, null));
+      t('oneArg', () => keshRequire('./five'));
+      for (const n of ['rejects', 'self', 'cycle1', 'syntax']) t(n, () => r('./' + n));
+      t('notRestored', () => [__filename, __dirname]);`),
+    'five.js': 'module.exports = 5', 'once.js': 'global.runs = (global.runs || 0) + 1; module.exports = { runs: global.runs };',
+    'throws.js': "global.throws = (global.throws || 0) + 1; throw new Error('boom ' + global.throws);",
+    'bom.json': '\uFEFF{"k": 1}', 'bom.js': "\uFEFFmodule.exports = 'bom js';",
+    'sub/mid.js': "module.exports = { mid: [module.parent.filename, module.parent.path, module.filename, module.path], leaf: require('./leaf') };",
+    'sub/leaf.js': 'module.exports = [module.parent.filename, module.parent.path, __filename, __dirname];',
+    'load.js': 'module.exports = load;', 'bad.json': '{"k": }', 'syntax.js': 'var x = ;',
+    'rejects.js': "const p = Promise.reject(new Error('late')); p.catch(() => {}); return p;",
+    'self.js': "module.exports = require('./self');",
+    'cycle1.js': "module.exports = require('./cycle2');", 'cycle2.js': "module.exports = require('./cycle1');",
   });
-  const { results: [out], lines } = runVusers([path.join(dir, 'main.js')]);
+  const runs = path.join(dir, 'runs.js');
+  const { results, lines } = runVusers([path.join(dir, 'resolve.js'), runs]);
   const notResolved = (n) => ({ thrown: `Error: Require function couldn't resolve path for the file [${n}] in folder: [${dir}/]` });
-  assert.deepStrictEqual(Object.values(out), [
+  assert.deepStrictEqual(Object.values(results.resolve), [
     'a', 'b.js', 'a.json', {}, [3, 4], notResolved('fs'), 'modules fs', 'local fs',
     { own: 'deep own', mid: 'mid main' }, 'top own', 'inner', 'nomain from node_modules', 'sub',
     'index.js.json', 'index.js', 'b.js', notResolved('./missing'),
   ]);
   assert.ok(lines.some((l) => /^Require - .*Require failed loading: fs - Core node modules are currently not supported$/.test(l)));
   assert.ok(lines.some((l) => /Require failed loading: \.\/missing - couldn't find the file$/.test(l)));
-});
-
-test('module runs: exports, JSON, UTF-8 mark, parent, failures and their kinds, self-require', () => {
-  const dir = scriptDir({
-    'main.js': reporter(`
-      t('five', () => r('./five'));
-      t('once', () => [r('./once'), r('./once') === r('./once')]);
-      t('throw1', () => r('./throws'));
-      t('throw2', () => r('./throws'));
-      t('restored', () => [__filename, __dirname]);
-      t('bom', () => [r('./bom.json'), r('./bom.js')]);
-      t('parent', () => r('./sub/mid'));
-      t('load', () => keshRequire('./load', __dirname, { x: 1 }));
-      t('nullLoad', () => keshRequire('./five', __dirname, null));
-      t('oneArg', () => keshRequire('./five'));
-      t('badJson', () => r('./bad.json'));
-      for (const n of ['rejects', 'self', 'cycle1', 'syntax']) t(n, () => r('./' + n));
-      t('notRestored', () => [__filename, __dirname]);`),
-    'five.js': 'module.exports = 5',
-    'once.js': 'global.runs = (global.runs || 0) + 1; module.exports = { runs: global.runs };',
-    'throws.js': "global.throws = (global.throws || 0) + 1; throw new Error('boom ' + global.throws);",
-    'bom.json': '\uFEFF{"k": 1}', 'bom.js': "\uFEFFmodule.exports = 'bom js';",
-    'sub/mid.js': 'module.exports = { mid: [module.parent.filename, module.parent.path, ' +
-      "module.filename, module.path], leaf: require('./leaf') };",
-    'sub/leaf.js': 'module.exports = [module.parent.filename, module.parent.path, __filename, __dirname];',
-    'load.js': 'module.exports = load;',
-    'bad.json': '{"k": }',
-    'rejects.js': "const p = Promise.reject(new Error('late')); p.catch(() => {}); return p;",
-    'self.js': "module.exports = require('./self');",
-    'cycle1.js': "module.exports = require('./cycle2');", 'cycle2.js': "module.exports = require('./cycle1');",
-    'syntax.js': 'var x = ;',
-  });
-  const main = path.join(dir, 'main.js');
-  const { results: [out] } = runVusers([main]);
-  const { badJson, rejects, self, cycle1, syntax, ...rest } = out;
+  const { badJson, rejects, self, cycle1, syntax, ...rest } = results.runs;
   const badArgs = { thrown: 'Error: Require::RequireFunction - Expects at least 2 arguments: 1) file name(string), 2) dir name(string)' };
   assert.deepStrictEqual(rest, {
     five: 5, once: [{ runs: 1 }, true], throw1: { thrown: 'Error: boom 1' }, throw2: { thrown: 'Error: boom 2' },
-    restored: [main, `${dir}/`], bom: [{ k: 1 }, 'bom js'],
-    parent: { mid: [main, `${dir}/`, 'mid.js', `${dir}/sub/`], leaf: ['mid.js', `${dir}/sub/`, 'leaf.js', `${dir}/sub/`] },
+    restored: [runs, `${dir}/`], bom: [{ k: 1 }, 'bom js'],
+    parent: { mid: [runs, `${dir}/`, 'mid.js', `${dir}/sub/`], leaf: ['mid.js', `${dir}/sub/`, 'leaf.js', `${dir}/sub/`] },
     load: { x: 1 }, nullLoad: badArgs, oneArg: badArgs, notRestored: ['syntax.js', `${dir}/`],
   });
   assert.match(badJson.thrown, /^SyntaxError: /);
@@ -128,13 +111,11 @@ test('Vusers share file texts and code, early or late; a main script goes by its
   const [main, named] = [path.join(dir, 'main.js'), path.join(dir, 'named.js')];
   const { stdout, lines } = runVusers([main, main, main, named, named, path.join(dir, 'user.js')], `
     require('fs').writeFileSync(${JSON.stringify(path.join(dir, 'shared.js'))}, "module.exports = 'v2'");
-    k.createKeshThread(7, ${JSON.stringify(main)}, '{}');
-    k.createKeshThread(8, ${JSON.stringify(named)}, '{}');
+    ${JSON.stringify([main, named])}.forEach((script, i) => k.createKeshThread(7 + i, script, '{}'));
     await Promise.all([k.startKeshThread(7), k.startKeshThread(8)]);
     k.runFunctionFromScript(8, 'boom', '');
     await until(() => lines.some((l) => l.includes('"fileName"')), 'the failure line');
-    k.stopKeshThread(7);
-    k.stopKeshThread(8);`);
+    k.stopKeshThread(7); k.stopKeshThread(8);`);
   // The changed file is not read again: the late Vuser runs the cached text with its own state.
   const got = [...stdout.matchAll(/^GOT (.*)$/gm)].map((m) => m[1]).sort();
   assert.deepStrictEqual(got, [1, 2, 3, 7].map((id) => `v1 ${id} 1`));
@@ -159,20 +140,10 @@ test('modules that many Vusers load at once keep their text for the functions co
     keshConsole('SUM ' + mods.reduce((sum, m) => sum + m.later(1), 0), 'Info');
   }` };
   names.forEach((name, i) => { files[`${name}.js`] = `${'// padding\n'.repeat(2000)}module.exports = { later: (n) => n + ${i} };`; });
-  const main = path.join(scriptDir(files), 'main.js');
-  const r = scenario(`
-    const lines = [];
-    k.onLogMessage((l) => lines.push(l));
-    const ids = Array.from({ length: 20 }, (_, i) => i + 1);
-    for (const id of ids) k.createKeshThread(id, ${JSON.stringify(main)}, '{}');
-    Promise.all(ids.map((id) => k.startKeshThread(id))).then(async () => {
-      for (const id of ids) k.runFunctionFromScript(id, 'load', '');
-      const done = () => lines.filter((l) => /SUM|Error calling/.test(l));
-      await until(() => done().length === ids.length, 'every load', 30000);
-      console.log(done().join('\\n'));
-      for (const id of ids) k.stopKeshThread(id);
-      k.destroyKeshThreads();
-    });`, { env: { MALLOC_PERTURB_: '165' }, timeout: 60000 });
-  assert.strictEqual(r.status, 0, r.stderr);
-  assert.strictEqual(r.stdout.match(/SUM 136$/gm)?.length, 20, r.stdout.slice(0, 2000));
+  const { lines } = runVusers(Array(20).fill(path.join(scriptDir(files), 'main.js')), `
+    for (let id = 1; id <= 20; ++id) k.runFunctionFromScript(id, 'load', '');
+    await until(() => lines.filter((l) => /SUM|Error calling/.test(l)).length === 20, 'every load', 30000);`,
+  { level: 'info', env: { MALLOC_PERTURB_: '165' }, timeout: 60000 });
+  const done = lines.filter((l) => /SUM|Error calling/.test(l));
+  assert.strictEqual(done.filter((l) => / SUM 136$/.test(l)).length, 20, done.join('\n').slice(0, 2000));
 });

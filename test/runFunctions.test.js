@@ -11,8 +11,7 @@ const dir = scriptDir({
     var notfn = 5;
     // Rejects once a timer has fired: long after the call returned.
     async function late() { _enableRunningAsyncCallbacks(); await _waitForTimer(_setTimer(false, () => {}, 5)); throw new Error('later'); }
-    function rejectNow() { return Promise.reject(new Error('now')); }`,
-  'queue.js': `
+    function rejectNow() { return Promise.reject(new Error('now')); }
     const seen = [];
     const note = (what) => () => seen.push(what);
     function fill() { ['a', 'b', 'c'].forEach((w) => _setTimer(false, note(w), 0)); }
@@ -21,9 +20,6 @@ const dir = scriptDir({
     function chain() { globalThis.other = _setTimer(false, () => {}, 100000); _setTimer(false, () => { _clearTimer(other); }, 0); }
     function drainChain() { _runPendingAsyncCallbacks(); console.log('CHAINED ' + _waitForTimer(other)); }
     function throwing() { _setTimer(false, () => { throw new Error('cb'); }, 0); _setTimer(false, note('after-throw'), 0); }
-    function enable() { _enableRunningAsyncCallbacks(); }
-    function disable() { _disableRunningAsyncCallbacks(); }
-    function clear() { _clearPendingRunFunctions(); }
     function report() { console.log('SEEN ' + seen.join(',')); }`,
   'stress.js': `
     let runs = 0, torn = 0, last = -1;
@@ -38,31 +34,13 @@ const dir = scriptDir({
 });
 const script = (name) => JSON.stringify(path.join(dir, name));
 
-test('run functions: parameters, a name that is no function, rejections', () => {
+test('run functions: queued calls in order, the stopped hook, chains, throwing calls; parameters, no function, rejections', () => {
+  const [enable, disable] = [['_enableRunningAsyncCallbacks'], ['_disableRunningAsyncCallbacks']];
   const r = driveVuser(path.join(dir, 'calls.js'), [
-    ['show', '5'], ['show', '{"a":1}'], ['show', 'abc'], ['show'],
-    ['notfn', 'x'], ['show', '"after notfn"'],
-    ['late', 'x'], 50, ['show', '"after late"'],
-    ['rejectNow', 'x'], ['show', '"after reject"'],
-  ]);
-  assert.strictEqual(r.status, 0, r.stderr);
-  assert.deepStrictEqual(r.stdout.split('\n').filter((l) => l.startsWith('SHOW ')), ['SHOW number 5',
-    'SHOW object {"a":1}', 'SHOW string "abc"', 'SHOW string "undefined"', 'SHOW string "after notfn"', 'SHOW string "after late"']);
-  const errors = r.lines.filter((l) => l.startsWith('Error VuserThread'));
-  assert.strictEqual(errors.length, 3, errors.join('\n'));
-  assert.match(errors[0], /Error calling Vuser function: \{.*notfn is not a function/);
-  assert.match(errors[1], /Vuser \[1\] Error calling Vuser function \(promise rejected\): Uncaught Error: now$/);
-  // The rejected promise stopped the Vuser, so the runner's stop finds it stopping.
-  assert.match(errors[2], /Vuser \[1\] blocked another closing request$/);
-  assert.ok(r.lines.some((l) => /^Warning .*unhandled promise rejection: Uncaught Error: later$/.test(l)));
-});
-
-test('queued calls: order, the stopped hook, a call that queues another, a throwing call', () => {
-  const r = driveVuser(path.join(dir, 'queue.js'), [
-    ['fill'], ['drain'], ['fill'], ['report'], ['enable'], ['report'],
-    ['disable'], ['chain'], ['drainChain'],
-    ['fill'], ['clear'], ['enable'], ['report'],
-    ['throwing'], ['report'],
+    ['fill'], ['drain'], ['fill'], ['report'], enable, ['report'], disable, ['chain'], ['drainChain'],
+    ['fill'], ['_clearPendingRunFunctions'], enable, ['report'], ['throwing'], ['report'],
+    ['show', '5'], ['show', '{"a":1}'], ['show', 'abc'], ['show'], ['notfn', 'x'], ['show', '"after notfn"'],
+    ['late', 'x'], 50, ['show', '"after late"'], ['rejectNow', 'x'], ['show', '"after reject"'],
   ]);
   assert.strictEqual(r.status, 0, r.stderr);
   // Nothing runs while the hook is stopped, nothing is lost, and the order is kept.
@@ -70,51 +48,49 @@ test('queued calls: order, the stopped hook, a call that queues another, a throw
   assert.deepStrictEqual(r.stdout.split('\n').filter((l) => l.startsWith('SEEN ')),
     ['SEEN a,b,c', 'SEEN a,b,c,a,b,c', 'SEEN a,b,c,a,b,c', 'SEEN a,b,c,a,b,c,after-throw']);
   assert.match(r.stdout, /CHAINED undefined\n/);
-  assert.ok(r.lines.some((l) => /^Error VuserThread - \(\d+\) Exception during async callback: \{.*Uncaught Error: cb/.test(l)));
+  assert.deepStrictEqual(r.stdout.split('\n').filter((l) => l.startsWith('SHOW ')), ['SHOW number 5',
+    'SHOW object {"a":1}', 'SHOW string "abc"', 'SHOW string "undefined"', 'SHOW string "after notfn"', 'SHOW string "after late"']);
+  const errors = r.lines.filter((l) => l.startsWith('Error VuserThread'));
+  assert.strictEqual(errors.length, 4, errors.join('\n'));
+  // The last: the rejected promise stopped the Vuser, so the runner's stop finds it stopping.
+  [/^Error VuserThread - \(\d+\) Exception during async callback: \{.*Uncaught Error: cb/, /Error calling Vuser function: \{.*notfn is not a function/,
+    /Vuser \[1\] Error calling Vuser function \(promise rejected\): Uncaught Error: now$/,
+    /Vuser \[1\] blocked another closing request$/].forEach((line, i) => assert.match(errors[i], line));
+  assert.ok(r.lines.some((l) => /^Warning .*unhandled promise rejection: Uncaught Error: later$/.test(l)));
 });
 
-test('10,000 requests in a tight loop: none torn, the last one runs last', () => {
+test('requests: refused before the start, run at once after it; 10,000 in a tight loop, none torn; kept after the stop, refused when gone', () => {
   const r = scenario(`
     const reports = [];
-    k.onLogMessage((l) => { const m = / STRESS (.*)$/.exec(l); if (m) reports.push(m[1]); });
+    const t = (f) => { try { console.log('ok ' + f()); } catch (e) { console.log('ERR ' + e.message); } };
+    k.onLogMessage((l) => { const m = / STRESS (.*)$/.exec(l); if (m) reports.push(JSON.parse(m[1])); });
     k.createKeshThread(1, ${script('stress.js')}, '{}');
-    k.startKeshThread(1).then(async () => {
+    t(() => k.runFunctionFromScript(1, 'report'));
+    const started = k.startKeshThread(1);
+    t(() => k.runFunctionFromScript(1, 'report'));
+    started.then(async () => {
+      await until(() => reports.length === 1, 'the report asked for at once');
       for (let n = 0; n < 10000; ++n) {
         const name = n % 2 ? 'b' : 'a';
         k.runFunctionFromScript(1, name, JSON.stringify({ name, n }));
       }
       // The last request reports when it runs; a report asked for after it shows whether any ran later.
-      await until(() => reports.length === 1, 'the last request', 20000);
+      await until(() => reports.length === 2, 'the last request', 20000);
       k.runFunctionFromScript(1, 'report');
-      await until(() => reports.length === 2, 'the report');
+      await until(() => reports.length === 3, 'the report');
       k.stopKeshThread(1);
+      t(() => k.runFunctionFromScript(1, 'report'));
       k.destroyKeshThreads();
-      console.log('STRESS ' + reports[1]);
+      t(() => k.runFunctionFromScript(1, 'report'));
+      console.log('REPORTS' + JSON.stringify(reports));
     });`, { timeout: 60000 });
   assert.strictEqual(r.status, 0, r.stderr);
-  const stats = JSON.parse(/STRESS (.*)\n/.exec(r.stdout)[1]);
-  assert.strictEqual(stats.torn, 0);
-  assert.strictEqual(stats.last, 9999);
+  assert.deepStrictEqual(r.stdout.split('\n').filter((l) => /^(ok|ERR)/.test(l)), [
+    'ERR Vuser [1] was never started', 'ok undefined', 'ok undefined', 'ERR no active thread for Vuser id 1']);
+  const [early, , stats] = JSON.parse(/REPORTS(.*)\n/.exec(r.stdout)[1]);
+  assert.deepStrictEqual(early, { runs: 0, torn: 0, last: -1 });
+  assert.deepStrictEqual([stats.torn, stats.last], [0, 9999]);
   assert.ok(stats.runs >= 1 && stats.runs <= 10000, String(stats.runs));
-});
-
-test('requests for a Vuser never started, stopped, or gone', () => {
-  const r = scenario(`
-    const t = (f) => { try { console.log('ok ' + f()); } catch (e) { console.log('ERR ' + e.message); } };
-    k.createKeshThread(1, ${script('calls.js')}, '{}');
-    t(() => k.runFunctionFromScript(1, 'show', '1'));
-    k.startKeshThread(1);
-    t(() => k.runFunctionFromScript(1, 'show', '"at once"'));
-    setTimeout(() => {
-      k.stopKeshThread(1);
-      t(() => k.runFunctionFromScript(1, 'show', '2'));
-      k.destroyKeshThreads();
-      t(() => k.runFunctionFromScript(1, 'show', '3'));
-    }, 100);`);
-  assert.strictEqual(r.status, 0, r.stderr);
-  assert.deepStrictEqual(r.stdout.split('\n').filter((l) => /^(ok|ERR|SHOW)/.test(l)), [
-    'ERR Vuser [1] was never started', 'ok undefined', 'SHOW string "at once"', 'ok undefined',
-    'ERR no active thread for Vuser id 1']);
 });
 
 test('memory: no collection forced while a Vuser is busy; its garbage goes once it is idle', async () => {
