@@ -14,6 +14,7 @@ const dir = scriptDir({
     _enableRunningAsyncCallbacks();
     let n = 100;
     const ask = (op, extra) => _sendSync(++n, req(n, op, extra));
+
     function lines() {
       const closed = _registerNewBareSocket('ws_a', (line) => say('a got', typeof line === 'string' ? 'text ' + line : line.data ?? line.event));
       attempt('same key', () => _registerNewBareSocket('ws_a', () => say('second callback')));
@@ -27,10 +28,9 @@ const dir = scriptDir({
       _disconnectBareSocket('ws_a', 'bye', (v) => say('disconnect callback', v));
       ask('socketPush', { socketId: 'ws_a', lines: ['after closure'] });
     }
-    function cleanUp() {
-      _unRegisterNewBareSocket('ws_a'); _unRegisterNewBareSocket('ws_a');
-      ask('socketPush', { socketId: 'ws_a', lines: ['after clean-up'] });
-    }
+    function cleanUp() { _unRegisterNewBareSocket('ws_a'); _unRegisterNewBareSocket('ws_a'); }
+    function pushAfterCleanUp() { ask('socketPush', { socketId: 'ws_a', lines: ['after clean-up'] }); }
+
     function barriers() {
       _registerNewBareSocket('b', () => {});
       settled('timed out', _newWebSocketBarrier('b', 5));
@@ -71,7 +71,7 @@ const dir = scriptDir({
 
 test('bare sockets: lines, barriers, closure and clean-up through the queue', () => {
   const r = driveVuser(path.join(dir, 'sockets.js'), [
-    ['lines'], 60, ['closeAndLine'], 60, ['cleanUp'], 30,
+    ['lines'], 60, ['closeAndLine'], 60, ['cleanUp'], 30, ['pushAfterCleanUp'], 30,
     ['barriers'], 40, ['barrierAgain'], 20, ['racePrepare'], 30, ['raceStop'], 30,
     ['closures'], 60, ['clearAll'], 30, ['closeF'], 30, ['afterClosure'], 30,
   ], { pelmare: true });
