@@ -94,10 +94,10 @@ std::string preloadScript(v8::Isolate* isolate, const std::string& scriptPath) {
     record->text.assign(text.get(), size);
     record->source = record->text.c_str();
     record->size = size;
-    isolate->AdjustAmountOfExternalAllocatedMemory(size);
     FileRecord* added = record.get();
     if (FileCacheManager::instance().add(added)) {
       record.release();
+      isolate->AdjustAmountOfExternalAllocatedMemory(size);
     } else {
       added = FileCacheManager::instance().find(key);
     }

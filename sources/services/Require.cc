@@ -33,14 +33,6 @@ constexpr const char* kCoreModuleNames[] = {
 // The first "main" anywhere in the text counts, even inside a nested object: no JSON parse.
 const std::regex mainFieldRegex(R"re("main":\s*"([^"]*))re", std::regex::ECMAScript);
 
-// One table per Vuser thread, from full path to the module's result; an empty handle is a module
-// not loaded (yet). Persistent rather than Global: the table is destroyed at thread exit, after
-// the isolate's lock is gone, and a Persistent's destructor leaves the isolate alone.
-
-struct RecordRelease {
-  void operator()(FileRecord* record) const { FileRecord::destroy(record); }
-};
-
 bool startsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
 
 bool isCoreModule(const std::string& name) {
@@ -192,8 +184,7 @@ struct RequireCall {
   v8::Local<v8::UnboundScript> script;  // what compile made, for the code cache once it ran
 
   // The module's text, from the file cache or read now into it; null with the error thrown.
-  FileRecord* loadRecord(std::unique_ptr<FileRecord> resolved,
-                         std::unique_ptr<FileRecord, RecordRelease>* own) {
+  FileRecord* loadRecord(std::unique_ptr<FileRecord> resolved, std::unique_ptr<FileRecord>* own) {
     FileCacheManager& files = FileCacheManager::instance();
     FileRecord* record = resolved.release();
     if (files.lookup(record)) return record;
@@ -223,8 +214,9 @@ struct RequireCall {
       isolate->AdjustAmountOfExternalAllocatedMemory(record->size);
       return record;
     }
-    // The loser of a race loads the winner's record and gives its own back: V8 reads a script's
-    // text again whenever it compiles one of its functions, long after this load.
+    // The loser of a race loads the winner's record and frees its own, never charged: V8 reads a
+    // script's text again whenever it compiles one of its functions, long after this load, and
+    // an isolate whose external memory count goes below zero is stopped by V8.
     return files.find(record->fullPath.get());
   }
 
@@ -360,7 +352,7 @@ v8::Local<v8::Value> requireModule(const v8::FunctionCallbackInfo<v8::Value>& in
   // Element references survive the inserts of nested loads.
   v8::Global<v8::Value>& loaded = componentOf(isolate)->module_table_[resolved->fullPath.get()];
   if (!loaded.IsEmpty()) return loaded.Get(isolate);
-  std::unique_ptr<FileRecord, RecordRelease> own;  // a record of ours that the cache did not take
+  std::unique_ptr<FileRecord> own;  // a record of ours that the cache did not take
   FileRecord* record = call.loadRecord(std::move(resolved), &own);
   if (record == nullptr) {
     restore.dismiss();

@@ -155,14 +155,4 @@ bool IsRejectedPromise(v8::Local<v8::Value> value) {
   return value->IsPromise() && value.As<v8::Promise>()->State() == v8::Promise::kRejected;
 }
 
-void FileRecord::destroy(FileRecord* record) {
-  if (record == nullptr) return;
-  if (record->size > 0) {
-    if (v8::Isolate* isolate = v8::Isolate::TryGetCurrent()) {
-      isolate->AdjustAmountOfExternalAllocatedMemory(-static_cast<int64_t>(record->size));
-    }
-  }
-  delete record;
-}
-
 }  // namespace kesh

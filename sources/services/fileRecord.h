@@ -33,8 +33,6 @@ struct FileRecord {
   // As open, for a script named by the runner: null without ".js" in the path or for a path that
   // is not a regular file; a record with a null fullPath when nothing exists there.
   static std::unique_ptr<FileRecord> forScript(const std::string& path);
-  // Gives back the external memory charged for the record, then frees it. Needs V8.
-  static void destroy(FileRecord* record);
 };
 
 // Reads a whole file into a new zero-terminated buffer; *size gets the content length. With
