@@ -37,10 +37,6 @@ void OnWriteDone(uv_write_t* req, int status) {
   delete write;
 }
 
-void giveBackExternalMemory(v8::Isolate* isolate, std::string_view line) {
-  isolate->AdjustAmountOfExternalAllocatedMemory(-static_cast<int64_t>(line.size()));
-}
-
 // Where a line read from the service goes; throws what makes it unroutable.
 void routeLine(EnteredVuser& here, NetworkManager& manager, std::string_view line) {
   ThreadComponent& vuser = here.vuser();
@@ -60,13 +56,14 @@ void routeLine(EnteredVuser& here, NetworkManager& manager, std::string_view lin
                              std::string(line));
   }
   message->response = line;
-  here.isolate()->AdjustAmountOfExternalAllocatedMemory(static_cast<int64_t>(line.size()));
+  const int64_t charged = static_cast<int64_t>(line.size());
+  here.isolate()->AdjustAmountOfExternalAllocatedMemory(charged);
   if (type == InternalMessageType::kSyncResponse) {
     manager.StopSyncWait();
     return;
   }
   std::lock_guard<std::mutex> lock(vuser.network_queue_mutex_);
-  vuser.network_queue_.push_back(NetworkQueueEntry{std::move(message), type});
+  vuser.network_queue_.push_back(NetworkQueueEntry{std::move(message), type, charged});
 }
 
 }  // namespace
@@ -209,7 +206,7 @@ void ProcessNetworkMessages(ThreadComponent* tc) {
                          message->socket_id, message->response);
       }
     }
-    giveBackExternalMemory(isolate, message->response);
+    isolate->AdjustAmountOfExternalAllocatedMemory(-entry.charged);
     if (callback) {
       std::lock_guard<std::mutex> lock(tc->async_callbacks_mutex_);
       tc->async_callbacks_.push_back(std::move(callback));
