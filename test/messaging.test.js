@@ -124,7 +124,7 @@ test('messaging: connection checks, answers, framing, bad lines, blocking reques
   // An answer that came during the wait runs only once the blocking call has returned.
   assert.ok(order('sync answer', 'async answer after sync') && order('line 71', 'line 72', 'line 73'), rest.join('\n'));
   // Both calls see the later line; it is the longer, so a count given back by what the message
-  // holds rather than by what each line charged falls below zero, which V8 24 stops on.
+  // holds rather than by what each line charged falls below zero, which Node 24's V8 stops on.
   assert.deepStrictEqual(rest.filter((l) => l.startsWith('one id twice')), ['one id twice later, and longer', 'one id twice later, and longer']);
   assert.ok(!rest.some((l) => /^(second callback never runs|cleared callback ran|id \d+ got fraction)$/.test(l)), rest.join('\n'));
 
