@@ -215,14 +215,22 @@ test('only requests naming an address or localhost are served; idle connections 
       ['addressList', '/json/list', '127.0.0.1:' + port], ['localhostVersion', '/json/version', 'localhost'],
       ['localhostUpgrade', '/' + id, 'localhost:' + port, true]]) hosts[name] = await ask(port, path, host, upgrade);
     await listening(2);
-    const closes = [];
-    for (let i = 0; i < 100; ++i) closes.push((await openIdle(port)).closed);
-    const whileFull = await ask(port, '/json/version', '127.0.0.1');
-    const deadline = new Promise((_, reject) => setTimeout(reject, 20000, new Error('idle connections still open after 20 s')).unref());
-    const idleMs = await Promise.race([Promise.all(closes), deadline]);
+    // With a backlog of one, a connect that finds the endpoint's thread behind is dropped and
+    // tried again a second later; places taken first may then time out before the ask, and such
+    // a round proves nothing. Paced opens keep the thread up; a slow round is run again.
+    let full;
+    for (let round = 1; !full || (full.tookMs >= 9000 && round <= 3); ++round) {
+      const started = Date.now();
+      const closes = [];
+      for (let i = 0; i < 100; ++i) { closes.push((await openIdle(port)).closed); await sleep(2); }
+      const whileFull = await ask(port, '/json/version', '127.0.0.1');
+      const tookMs = Date.now() - started;
+      const deadline = new Promise((_, reject) => setTimeout(reject, 20000, new Error('idle connections still open after 20 s')).unref());
+      full = { whileFull, tookMs, idleMs: await Promise.race([Promise.all(closes), deadline]) };
+    }
     const afterwards = await ask(port, '/json/version', '127.0.0.1');
     k.stopKeshThread(1); // no client has let the script run yet
-    finish({ hosts, whileFull, idleMs, afterwards });`);
+    finish({ hosts, ...full, afterwards });`, 120000);
   const refused = { got: 'HTTP/1.0 400 Bad Request', closed: true };
   const served = { got: 'HTTP/1.0 200 OK', closed: false };
   assert.deepStrictEqual(out.hosts, {
@@ -233,6 +241,7 @@ test('only requests naming an address or localhost are served; idle connections 
   assert.strictEqual(out.lines.filter((l) => warning.test(l)).length, 3);
   // While idle connections hold every place, a client is turned away; once the time-out has
   // closed them, it is served. Those beyond the places were closed at once.
+  assert.ok(out.tookMs < 9000, `three rounds of opens each took 9 s or more, the last ${out.tookMs} ms`);
   assert.deepStrictEqual(out.whileFull, { got: '', closed: true });
   assert.strictEqual(out.idleMs.filter((ms) => ms >= 5000).length, 32, out.idleMs.join());
   assert.ok(Math.max(...out.idleMs) < 12000, out.idleMs.join());
