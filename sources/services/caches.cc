@@ -52,15 +52,17 @@ ScriptCacheManager& ScriptCacheManager::instance() {
   return *manager;
 }
 
+ScriptCacheEntry* ScriptCacheManager::entryOf(const std::string& fullPath,
+                                              const char* resourceName) {
+  std::shared_lock<std::shared_mutex> lock(lock_);
+  auto it = scripts_.find(keyOf(fullPath, resourceName));
+  return it == scripts_.end() ? nullptr : it->second.get();
+}
+
 v8::ScriptCompiler::Source* ScriptCacheManager::find(const std::string& fullPath,
                                                      const char* resourceName) {
-  ScriptCacheEntry* entry;
-  {
-    std::shared_lock<std::shared_mutex> lock(lock_);
-    auto it = scripts_.find(keyOf(fullPath, resourceName));
-    if (it == scripts_.end()) return nullptr;
-    entry = it->second.get();
-  }
+  ScriptCacheEntry* entry = entryOf(fullPath, resourceName);
+  if (entry == nullptr) return nullptr;
   std::shared_lock<std::shared_mutex> entryLock(entry->lock_);  // waits while it is filled
   return entry->compiled;
 }
@@ -132,13 +134,8 @@ v8::ScriptCompiler::Source* ScriptCacheManager::getOrCompile(v8::Isolate* isolat
 
 void ScriptCacheManager::rememberRun(const std::string& fullPath, const char* resourceName,
                                      v8::Local<v8::UnboundScript> ran) {
-  ScriptCacheEntry* entry;
-  {
-    std::shared_lock<std::shared_mutex> lock(lock_);
-    auto it = scripts_.find(keyOf(fullPath, resourceName));
-    if (it == scripts_.end()) return;
-    entry = it->second.get();
-  }
+  ScriptCacheEntry* entry = entryOf(fullPath, resourceName);
+  if (entry == nullptr) return;
   {
     std::unique_lock<std::shared_mutex> entryLock(entry->lock_);
     if (entry->remade || entry->compiled == nullptr) return;

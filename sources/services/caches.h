@@ -46,6 +46,8 @@ struct ScriptCacheManager {
   std::unordered_map<std::string, std::unique_ptr<ScriptCacheEntry>> scripts_;
 
   static ScriptCacheManager& instance();
+  // The entry of a script and name, or null; entries live as long as the process.
+  ScriptCacheEntry* entryOf(const std::string& fullPath, const char* resourceName);
   v8::ScriptCompiler::Source* find(const std::string& fullPath, const char* resourceName);
   v8::ScriptCompiler::Source* getOrCompile(v8::Isolate* isolate, const FileRecord& record,
                                            const char* resourceName);
