@@ -30,11 +30,21 @@ struct NetworkMessage {
   bool is_sync = false;
   v8::Persistent<v8::Function> callback;
   std::string response;
+  // Bytes of received lines charged to the Vuser's isolate and not yet given back. A second line
+  // for the same id replaces `response` before the first is handled, so the give-back is this
+  // count, not the length of what the message holds by then.
+  int64_t charged = 0;
   bool wait_for_response = true;
 
   // Releases the script's callback; only on the Vuser thread.
   ~NetworkMessage() { callback.Reset(); }
 };
+
+// Gives back to the Vuser's isolate what the message's received lines were charged.
+inline void giveBackCharge(v8::Isolate* isolate, NetworkMessage& message) {
+  isolate->AdjustAmountOfExternalAllocatedMemory(-message.charged);
+  message.charged = 0;
+}
 
 // An answer that no waiting message matches: dropped, not a failure.
 class no_match_exception : public std::runtime_error {

@@ -56,14 +56,14 @@ void routeLine(EnteredVuser& here, NetworkManager& manager, std::string_view lin
                              std::string(line));
   }
   message->response = line;
-  const int64_t charged = static_cast<int64_t>(line.size());
-  here.isolate()->AdjustAmountOfExternalAllocatedMemory(charged);
+  message->charged += static_cast<int64_t>(line.size());
+  here.isolate()->AdjustAmountOfExternalAllocatedMemory(static_cast<int64_t>(line.size()));
   if (type == InternalMessageType::kSyncResponse) {
     manager.StopSyncWait();
     return;
   }
   std::lock_guard<std::mutex> lock(vuser.network_queue_mutex_);
-  vuser.network_queue_.push_back(NetworkQueueEntry{std::move(message), type, charged});
+  vuser.network_queue_.push_back(NetworkQueueEntry{std::move(message), type});
 }
 
 }  // namespace
@@ -206,7 +206,7 @@ void ProcessNetworkMessages(ThreadComponent* tc) {
                          message->socket_id, message->response);
       }
     }
-    isolate->AdjustAmountOfExternalAllocatedMemory(-entry.charged);
+    giveBackCharge(isolate, *message);
     if (callback) {
       std::lock_guard<std::mutex> lock(tc->async_callbacks_mutex_);
       tc->async_callbacks_.push_back(std::move(callback));

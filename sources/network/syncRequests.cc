@@ -28,7 +28,7 @@ v8::Local<v8::Value> takeAnswer(EnteredVuser& here, NetworkManager& manager,
   v8::TryCatch tryCatch(isolate);
   v8::MaybeLocal<v8::Value> parsed =
       v8::JSON::Parse(here.context(), ToV8String(isolate, message.response));
-  isolate->AdjustAmountOfExternalAllocatedMemory(-static_cast<int64_t>(message.response.size()));
+  giveBackCharge(isolate, message);
   if (tryCatch.HasCaught()) {
     std::string text =
         "Error parsing response of a SendSync request " + ExceptionToString(isolate, tryCatch);

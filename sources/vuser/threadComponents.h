@@ -37,9 +37,6 @@ AsyncCallbackEntry makeAsyncCallback(v8::Isolate* isolate, v8::Local<v8::Functio
 struct NetworkQueueEntry {
   std::shared_ptr<NetworkMessage> message;
   InternalMessageType type;
-  // Bytes charged to the isolate for this line: a later line for the same message replaces
-  // message->response, so the entry gives back what it charged, not what the message holds now.
-  int64_t charged = 0;
 };
 
 // The record of one Vuser: what the main thread and the Vuser thread share, and what the Vuser
